@@ -1,0 +1,41 @@
+# make test   bootstrap, build Linux and Windows, run every test natively, under
+#             ASan+UBSan, and the Windows programs under wine
+# make build  build both platforms
+SHELL := /bin/bash
+JOBS  ?= $(shell nproc)
+B      = build
+GEN    = -G "Unix Makefiles"
+
+.PHONY: all bootstrap build linux windows asan test clean
+all: build
+
+bootstrap:
+	@scripts/bootstrap.sh
+
+$(B)/linux/Makefile:
+	cmake -S . -B $(B)/linux $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+$(B)/asan/Makefile:
+	cmake -S . -B $(B)/asan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DTPCSDK_SANITIZE=ON >/dev/null
+$(B)/win64/Makefile:
+	cmake -S . -B $(B)/win64 $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake >/dev/null
+
+linux: $(B)/linux/Makefile
+	@cmake --build $(B)/linux -j$(JOBS)
+windows: $(B)/win64/Makefile
+	@cmake --build $(B)/win64 -j$(JOBS)
+asan: $(B)/asan/Makefile
+	@cmake --build $(B)/asan -j$(JOBS)
+build: linux windows
+
+test: bootstrap
+	@$(MAKE) --no-print-directory linux windows asan
+	@rm -f $(B)/results.txt
+	@scripts/run-tests.sh native $(B)/linux $(B)/results.txt
+	@ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	  scripts/run-tests.sh native $(B)/asan $(B)/results.txt
+	@scripts/run-tests.sh wine $(B)/win64 $(B)/results.txt $(B)/linux/bin/tdoc-emulator
+	@awk '{p+=$$1; f+=$$2} END {printf "%d passed, %d failed\n", p, f; exit (f > 0 || p == 0)}' $(B)/results.txt
+
+clean:
+	rm -rf $(B)

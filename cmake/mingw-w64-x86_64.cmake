@@ -1,0 +1,20 @@
+# Cross build of the Windows module with Debian's mingw-w64 (POSIX thread model).
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR x86_64)
+set(TOOLCHAIN_PREFIX x86_64-w64-mingw32)
+set(CMAKE_C_COMPILER   ${TOOLCHAIN_PREFIX}-gcc-posix)
+set(CMAKE_CXX_COMPILER ${TOOLCHAIN_PREFIX}-g++-posix)
+set(CMAKE_RC_COMPILER  ${TOOLCHAIN_PREFIX}-windres)
+
+# Cross-built dependencies (jsoncpp, GoogleTest) live in the bootstrap's prefix.
+if(DEFINED ENV{TPCSDK_DEPS})
+  set(TPCSDK_DEPS "$ENV{TPCSDK_DEPS}")
+else()
+  set(TPCSDK_DEPS "/opt/tpcsdk-deps")
+endif()
+set(CMAKE_FIND_ROOT_PATH /usr/${TOOLCHAIN_PREFIX} "${TPCSDK_DEPS}/mingw64")
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)

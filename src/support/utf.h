@@ -1,0 +1,18 @@
+// UTF-8 <-> UTF-16 conversion: the only place in the library that converts text.
+#pragma once
+#include <string>
+#include <string_view>
+
+namespace tpcsdk {
+
+// Converts UTF-8 to UTF-16. Invalid or truncated sequences become U+FFFD, one per
+// maximal bad subpart, so no input can make the conversion fail or read out of range.
+std::u16string Utf8ToUtf16(std::string_view in);
+
+// Converts UTF-16 to UTF-8. An unpaired surrogate becomes U+FFFD.
+std::string Utf16ToUtf8(std::u16string_view in);
+
+// Length of a NUL-terminated 16-bit string; 0 for null.
+size_t WideLength(const char16_t* s);
+
+}  // namespace tpcsdk
