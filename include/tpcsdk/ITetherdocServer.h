@@ -1,0 +1,128 @@
+/*
+ * ITetherdocServer: one web-service client, bound to one service host. The platform
+ * owns it; a host never destroys it. Texts marked "text" are UTF-8, "wide" UTF-16.
+ * Out buffers receive a new block for the TDC_Release* family and are written only on
+ * the path that fills them. Slot order is the ABI.
+ */
+#ifndef TPCSDK_ITETHERDOCSERVER_H
+#define TPCSDK_ITETHERDOCSERVER_H
+
+#include "tpcsdk/tpcsdk.h"
+
+class ITetherdocServer {
+ public:
+  /* 0  The URL stored under key in the API directory, unfilled. */
+  virtual int GetWebServiceUrl(const char* key, TDC_LPWSTR* url) = 0;
+  /* 1  The service domain the API directory names (tdc_domain). */
+  virtual void GetDomain(TDC_LPWSTR* domain) = 0;
+  /* 2  The host this client was created for. */
+  virtual void GetHost(TDC_LPWSTR* host) = 0;
+  /* 3  Asks whether the user's token is valid; valid is written on success only. */
+  virtual int CheckUserToken(const char* token, int32_t* valid) = 0;
+  /* 4  The access token stored by SetAccessToken. */
+  virtual void GetAccessToken(char** token) = 0;
+  /* 5  Stores the user's access token for the URLs that carry it. */
+  virtual int SetAccessToken(TDC_LPCWSTR token) = 0;
+  /* 6  The owner's user id of a registered document. */
+  virtual int GetDocOwnerID(const char* cDocID, char** owner) = 0;
+  /* 7  E-mail, name and mobile number of a document's owner. */
+  virtual int GetOwnerEmail(const void* unused, const char* cDocID, char** email,
+                            TDC_LPWSTR* name, char** mobile) = 0;
+  /* 8, 9  Document-rights family; hold their places, give -2. */
+  virtual int DocumentRights8() = 0;
+  virtual int DocumentRights9() = 0;
+  /* 10 Registers the user's device; reply receives the service's data. */
+  virtual int GetUserDeviceInfo(const TDC_DEVICE_INFO* info, char** reply) = 0;
+  /* 11 Registers a document with its first version. */
+  virtual int UpLoadTDOC(const TDC_TDOC_INFO* info) = 0;
+  /* 12 Deletes a version of a document. */
+  virtual int DeleteDocVersion(const char* token, const char* cVersionID) = 0;
+  /* 13 The message shown when a document opens. */
+  virtual int GetOpenMessage(const char* second, const char* first, char** reply) = 0;
+  /* 14 Uploads one usage record. */
+  virtual int UpLoadUserLogger(const TDC_USER_LOG* log) = 0;
+  /* 15 Asks the service to e-mail the owner about a new version. */
+  virtual int UpdateNotificationSendEmail(const char* token, const char* cVersionID,
+                                          const char* cOwnerEmail) = 0;
+  /* 16 The service's option configuration as JSON text. */
+  virtual int GetServerOptionConfig(char** config) = 0;
+  /* 17 Whether a user is on line; online is set to 0 first. */
+  virtual int isUserOnLine(const char* email, int32_t* online) = 0;
+  /* 18 to 20  Document-rights family. */
+  virtual int DocumentRights18() = 0;
+  virtual int DocumentRights19() = 0;
+  virtual int DocumentRights20() = 0;
+  /* 21 Changes a version's record with the caller's JSON. */
+  virtual int ModifyDocVersion(const char* token, const char* json) = 0;
+  /* 22 to 27  Document-rights family. */
+  virtual int DocumentRights22() = 0;
+  virtual int DocumentRights23() = 0;
+  virtual int DocumentRights24() = 0;
+  virtual int DocumentRights25() = 0;
+  virtual int DocumentRights26() = 0;
+  virtual int DocumentRights27() = 0;
+  /* 28 Registers a document. */
+  virtual int UploadDocInfo(const TDC_DOC_INFO* info) = 0;
+  /* 29 Registers a version of a document. */
+  virtual int UploadVersionInfo(const TDC_VERSION_INFO* info) = 0;
+  /* 30 The e-mail address of the token's user. */
+  virtual int GetEmail(const char* token, char** email) = 0;
+  /* 31 Changes the language this client reports (al). */
+  virtual int SetClientLanguage(const char* language) = 0;
+  /* 32 Polls application messages for an app id. */
+  virtual int SubscribecAppID(const char* cAppID) = 0;
+  /* 33 Stops polling application messages. */
+  virtual int UnSubscribecAppID() = 0;
+  /* 34 Polls messages of a user. */
+  virtual int SubscribeUser(const char* token) = 0;
+  /* 35 Stops polling messages of a user. */
+  virtual int UnSubscribeUser(const char* token) = 0;
+  /* 36 Sets the callbacks that receive messages and polling errors. */
+  virtual int SetSubscribtionCallback(TDC_MessageCallback onMessage, TDC_ErrorCallback onError,
+                                      void* userData) = 0;
+  /* 37 Polls for newer versions of a document. */
+  virtual int SubscribeUpdateNotification(const char* token, const char* cDocID,
+                                          const char* cVersionID) = 0;
+  /* 38 Stops polling for newer versions of a document. */
+  virtual int UnSubscribeUpdateNotification(const char* token, const char* cDocID,
+                                            const char* cVersionID) = 0;
+  /* 39 Uploads a signature image. */
+  virtual int UploadImage(const char* token, const char* imageType, const char* content,
+                          char** reply) = 0;
+  /* 40 Starts the polling worker. */
+  virtual int StartPolling() = 0;
+  /* 41 Stops the polling worker. */
+  virtual int StopPolling() = 0;
+  /* 42 Fetches the polling configuration for the user and application type. */
+  virtual int Internet_SetPollingConfig(const char* token, int32_t appType) = 0;
+  /* 43 Stops the polling worker; always 0. */
+  virtual int stopThread() = 0;
+  /* 44 Document-rights family. */
+  virtual int DocumentRights44() = 0;
+  /* 45 Sends an e-mail through the service. */
+  virtual int SendEmailNotification(const char* token, TDC_LPCWSTR subject, TDC_LPCWSTR content,
+                                    TDC_LPCWSTR sender, TDC_LPCWSTR receiver) = 0;
+  /* 46 Downloads the current wrapper documents into the service's cache folder. */
+  virtual void UpdateWrapperDocuments() = 0;
+  /* 47 Document-rights family. */
+  virtual int DocumentRights47() = 0;
+  /* 48 Exchanges a third-party token for a user; done is set to 0 first. */
+  virtual int GetThirdUser(const char* baseUrl, TDC_LPCWSTR thirdToken, char** reply,
+                           int32_t* done) = 0;
+  /* 49 The third-party user's details; the filled buffer, not the result, tells success. */
+  virtual int GetThirdUserInfo(const char* baseUrl, TDC_LPCWSTR thirdToken, char** reply) = 0;
+  /* 50 The user agreement; the filled buffer, not the result, tells success. */
+  virtual int GetAgreement(const char* baseUrl, char** reply) = 0;
+  /* 51 A sign-in ticket for the user. */
+  virtual int GetCasTicket(const char* first, const char* second, const char* third,
+                           char** ticket) = 0;
+  /* 52 Destroys the client (bit 0 of flags: free its memory). Only the platform calls
+   *    it. An ordinary slot rather than a virtual destructor, so the interface has the
+   *    same 53 slots under every compiler's object model. */
+  virtual void Destroy(unsigned int flags) = 0;
+
+ protected:
+  ~ITetherdocServer() = default;
+};
+
+#endif /* TPCSDK_ITETHERDOCSERVER_H */

@@ -1,0 +1,51 @@
+// The objects of one service call over the HTTP client: a connection and a request,
+// driven by the client's notifications while the sender blocks on an event.
+#pragma once
+#include <cstdint>
+#include <string>
+
+
+namespace tpcsdk {
+
+class DiagnosticLog;
+class WinHttpConnection;
+class WinHttpRequest;
+
+// Called at the end of SendRequest when set: response text, second text, status, data.
+using ResultCallback = void (*)(const std::u16string& response, const std::u16string& extra,
+                                int32_t status, uint64_t data);
+
+class CAsyncWinHttp {
+ public:
+  CAsyncWinHttp() = default;
+  virtual ~CAsyncWinHttp();
+  CAsyncWinHttp(const CAsyncWinHttp&) = delete;
+  CAsyncWinHttp& operator=(const CAsyncWinHttp&) = delete;
+
+  // Opens the process-wide session with agent unless one exists.
+  static void EnsureSession(const std::u16string& agent);
+
+  bool Connect(const std::u16string& url);
+  // Runs the exchange to its end; true when it ended (see the request for what came).
+  bool SendRequest(const std::u16string& headers, const std::string& body,
+                   const std::u16string& method);
+  // Closes the request handle, waits until the client has let go of it, and frees
+  // what was read. Frees a sender blocked in SendRequest.
+  void CloseRequest();
+
+  void SetLog(DiagnosticLog* log) { m_pLog = log; }
+  // What the exchange left: false when no request was ever made.
+  bool HasRequest() const { return m_pRequest != nullptr; }
+  std::u16string ResponseText() const;
+  std::u16string SecondText() const;
+  int32_t StatusCode() const;
+
+ private:
+  ResultCallback m_pfnResult = nullptr;
+  uint64_t m_nCallbackData = 0;
+  WinHttpConnection* m_pConnection = nullptr;
+  WinHttpRequest* m_pRequest = nullptr;
+  DiagnosticLog* m_pLog = nullptr;
+};
+
+}  // namespace tpcsdk

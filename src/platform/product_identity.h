@@ -1,0 +1,62 @@
+// Which product loaded the library, and the names and folders that follow from it:
+// the root-domain test that decides whether a text looks like a host, the product
+// key of the registry, the application folder name and the local cache paths.
+#pragma once
+#include <string>
+#include <string_view>
+
+namespace tpcsdk {
+
+// The known domain suffixes, joined by "|", with "||" in front and "|" at the end.
+extern const char16_t RootDomainSuffixes[];
+
+enum class ProductKind { Editor, Reader };
+
+inline constexpr char16_t kEditorProductName[] = u"Tarvo PDF Editor";
+inline constexpr char16_t kReaderProductName[] = u"Tarvo PDF Reader";
+inline constexpr char16_t kVendorFolder[] = u"Tarvo Software";
+
+const char16_t* ProductName(ProductKind kind);
+
+// The product name, a blank, the version up to its first ".", then ".0": every
+// version of one major release shares one key ("7.5.3" gives "... 7.0").
+std::u16string ProductKey(std::u16string_view product_name, std::u16string_view version);
+
+// True when the last two labels, or the last label, of the dotted text is one of
+// RootDomainSuffixes, compared without regard to case for A-Z. A text of fewer than
+// two labels never is. Ports are not stripped: "a.com:8080" ends in "com:8080".
+bool IsRootDomain(std::u16string_view text);
+
+// True when the text can stand for a service host: a URL with a scheme, a name under
+// a known suffix (with or without a path), a UNC path or a file URL.
+bool IsValidHostString(std::u16string_view text);
+
+// Maps older product names to the present ones; the first rule whose text the name
+// contains replaces the whole name. Other names come back unchanged.
+std::string GetAppFolderName(const std::string& name);
+
+// The product whose log folder is used: with an application type, the Editor when
+// the type holds "Brindle"; without one, the Editor when TarvoPDFEditor.exe lies in
+// the module's directory. Otherwise the Reader.
+ProductKind LogProductKind(std::u16string_view app_type);
+
+// True when the path (up to 259 characters, one trailing separator cut) is a directory.
+bool IsDirectory(const std::u16string& path);
+
+// Creates the last level of the path when it is not a directory yet. Failures are
+// not reported: they show when a file inside cannot be opened.
+void EnsureDirectory(const std::u16string& path);
+
+// <app data>/Tarvo Software/<GetAppFolderName(app)>, each level ensured on the way;
+// empty when the application-data folder is unknown. The cache paths below are then
+// empty as well.
+std::u16string GetProductDataDirectory(const std::string& app_name);
+
+// <product data>/cacheData/<subfolder>/, with the final separator, as UTF-8.
+std::string GetCacheDirectory(const std::u16string& subfolder, const std::string& app_name);
+// <product data>/cacheData/tdoc.dat, as UTF-8.
+std::string GetCacheMarkerPath(const std::string& app_name);
+// <product data>/cacheData/<stem>.dat, as UTF-8.
+std::string GetCacheFilePath(const std::u16string& stem, const std::string& app_name);
+
+}  // namespace tpcsdk

@@ -1,0 +1,408 @@
+#include "web_service/tetherdoc_server.h"
+
+#include <new>
+
+#include "http_transport/async_winhttp.h"
+#include "platform/diagnostic_log.h"
+#include "os/user_agent.h"
+#include "platform/platform.h"
+#include "support/guard.h"
+#include "support/out_buffer.h"
+#include "support/utf.h"
+
+namespace tpcsdk {
+namespace {
+
+constexpr char16_t kClientQueryLiteral[] = u"al=%s&cv=%s&an=%s&av=%s";
+constexpr char16_t kTokenPlaceholder[] = u"${access-token}";
+constexpr char16_t kTokenQueryPlaceholder[] = u"access-token=%s";
+constexpr int32_t kRetTokenExpired = 210007;
+
+std::string U8(const std::u16string& s) { return Utf16ToUtf8(s); }
+
+// The disk cache of API directories is consulted here once it is part of the build.
+bool GetCacheApi(const std::u16string&, std::string&) { return false; }
+void SetCacheApi(const std::u16string&, const std::string&) {}
+
+bool IsEmptyJson(const Json::Value& v) {
+  return v.isNull() || ((v.isArray() || v.isObject()) && v.size() == 0);
+}
+
+}  // namespace
+
+void ParseReplyEnvelope(ReplyRecord& record, Json::Value& dataOut, const Json::Value& root) {
+  dataOut = Json::Value();
+  if (!root.isObject()) {
+    record.ret = 0;
+    record.message.clear();
+    record.returned = 0;
+    return;
+  }
+  const Json::Value& ret = root["ret"];
+  const Json::Value& message = root["message"];
+  const Json::Value& returned = root["returned"];
+  record.ret = ret.isConvertibleTo(Json::intValue) ? ret.asInt() : 0;
+  record.message = message.isConvertibleTo(Json::stringValue) ? message.asString() : "";
+  record.returned = returned.isConvertibleTo(Json::intValue) ? returned.asInt() : 0;
+  dataOut = root["data"];
+}
+
+bool ReplaceFirst(std::u16string& text, std::u16string_view pattern,
+                  std::u16string_view replacement) {
+  if (pattern.empty()) return false;
+  const size_t at = text.find(pattern);
+  if (at == std::u16string::npos) return false;
+  text.replace(at, pattern.size(), replacement);
+  return true;
+}
+
+TetherdocServer::TetherdocServer(const char* al, const char* an, const char* av)
+    : m_al(al ? al : ""), m_an(an ? an : ""), m_av(av ? av : ""), m_cv("2.0.0.0") {
+  // The client logs where the platform logs; the platform comes up first if a host
+  // somehow reached here without it.
+  if (TDOCPlatform* platform = TDOCPlatform::Instance()) m_pLog = platform->Log();
+}
+
+TetherdocServer::~TetherdocServer() { StopRequest(); }
+
+void TetherdocServer::Destroy(unsigned int flags) {
+  if (flags & 1) {
+    delete this;
+  } else {
+    this->~TetherdocServer();
+  }
+}
+
+// ---- API directory -------------------------------------------------------------
+
+int TetherdocServer::InitApi(const char16_t* host) {
+  return Guarded(TDC_HRESULT_FAILED, [&]() -> int {
+    if (!host) return TDC_HRESULT_BAD_ARGUMENT;
+    const std::u16string wsHost(host, WideLength(host));
+    if (wsHost.empty()) return TDC_HRESULT_FAILED;
+    if (m_al.empty() || m_an.empty() || m_av.empty()) return TDC_HRESULT_BAD_ARGUMENT;
+    if (m_pLog) m_pLog->Write("Starts TetherdocServer::InitApi. Host = %s", U8(wsHost).c_str());
+
+    std::lock_guard<std::recursive_mutex> lock(m_lockInitApi);
+    int nStatus = 0;
+    std::string text;
+    const bool fromCache = GetCacheApi(wsHost, text) && !text.empty();
+    if (fromCache) {
+      if (m_pLog) {
+        m_pLog->Write("TetherdocServer::InitApi. Use Cache Api Data");
+        m_pLog->Write("TetherdocServer::InitApi. Cache Api Data: %s", text.c_str());
+      }
+    } else {
+      if (m_pLog) m_pLog->Write("TetherdocServer::InitApi. Starts to request API list from server.");
+      const std::u16string url = wsHost + u"/" + Utf8ToUtf16(m_cv) + u"/" + Utf8ToUtf16(m_an) +
+                                 u"/" + Utf8ToUtf16(m_av) + u"/" + Utf8ToUtf16(m_al) +
+                                 u"/tdocApi.json";
+      if (m_pLog) m_pLog->Write("request API list from: %s", U8(url).c_str());
+      std::u16string body, extra;
+      nStatus = EndRequest(BeginRequest(url, u"GET", std::string()), body, extra);
+      text = U8(body);
+      if (m_pLog) m_pLog->Write("TetherdocServer::InitApi. End API list Request Body: %s", text.c_str());
+      if (nStatus != 200 && m_pLog)
+        m_pLog->Write("TetherdocServer::InitApi. No Cache Dada or Request API HTTP fails");
+    }
+
+    auto fail = [&]() -> int {
+      if (m_pLog)
+        m_pLog->Write(" TetherdocServer::InitApi  Request API Failed Host = %s errId:%d",
+                      U8(wsHost).c_str(), nStatus);
+      m_nApiReady = 0;
+      return nStatus == 403 ? TDC_HRESULT_FORBIDDEN : TDC_HRESULT_HTTP_ERROR;
+    };
+    if (!fromCache && nStatus != 200) return fail();
+
+    Json::Value root;
+    Json::Reader reader;
+    if (!reader.parse(text, root)) {
+      if (m_pLog)
+        m_pLog->Write("TetherdocServer::InitApi.  Parser URL Failed Host = %s", U8(wsHost).c_str());
+      m_nApiReady = 0;
+      return TDC_HRESULT_SERVICE_ERROR;
+    }
+    m_mapApi.clear();
+    const Json::Value url = root.isObject() ? root["url"] : Json::Value();
+    LoadApiTable(u"url", url);
+    const Json::Value size = root.isObject() ? root["size"] : Json::Value();
+    const int64_t nSize = size.isConvertibleTo(Json::intValue) ? size.asInt() : 0;
+    if (nSize != static_cast<int64_t>(m_mapApi.size())) {
+      m_mapApi.clear();
+      return fail();
+    }
+    const Json::Value tws = root.isObject() ? root["twsConfig"] : Json::Value();
+    if (IsEmptyJson(tws)) return TDC_HRESULT_SERVICE_ERROR;
+    if (Json::FastWriter().write(tws).empty()) {
+      if (m_pLog)
+        m_pLog->Write("TetherdocServer::InitApi  twsConfig is null : Host = %s", U8(wsHost).c_str());
+      return TDC_HRESULT_FAILED;
+    }
+    m_nApiReady = 1;
+    if (!fromCache) SetCacheApi(wsHost, text);
+    m_wsDomain = GetApiUrl(u"url", u"tdc_domain");
+    m_wsHost = wsHost;
+    if (m_pLog) m_pLog->Write("TetherdocServer::InitApi   : Host = %s", U8(wsHost).c_str());
+    return TDC_HRESULT_OK;
+  });
+}
+
+std::u16string TetherdocServer::GetApiUrl(std::u16string_view prefix,
+                                          std::u16string_view key) const {
+  if (m_mapApi.empty()) return std::u16string();
+  std::u16string full(prefix);
+  full += u'@';
+  full += key;
+  auto it = m_mapApi.find(full);
+  return it == m_mapApi.end() ? std::u16string() : it->second;
+}
+
+void TetherdocServer::SetApiUrl(const std::u16string& fullKey, const std::u16string& url) {
+  m_mapApi[fullKey] = url;
+}
+
+void TetherdocServer::LoadApiTable(const std::u16string& prefix, const Json::Value& value) {
+  if (!value.isObject()) return;
+  for (auto it = value.begin(); it != value.end(); ++it) {
+    const Json::Value& member = *it;
+    // A member that is not a string has no URL to give.
+    const std::string url = member.isConvertibleTo(Json::stringValue) ? member.asString() : "";
+    SetApiUrl(prefix + u"@" + Utf8ToUtf16(it.name()), Utf8ToUtf16(url));
+  }
+}
+
+// ---- request frame -------------------------------------------------------------
+
+std::u16string TetherdocServer::ResolveTokenUrl(std::u16string_view key) const {
+  std::u16string url = GetApiUrl(u"url", key);
+  if (url.empty()) return url;
+  if (!ReplaceFirst(url, kTokenPlaceholder, m_wsAccessToken))
+    ReplaceFirst(url, kTokenQueryPlaceholder, u"access-token=" + m_wsAccessToken);
+  return url;
+}
+
+std::u16string TetherdocServer::BuildClientQuery() const {
+  return u"al=" + Utf8ToUtf16(m_al) + u"&cv=" + Utf8ToUtf16(m_cv) + u"&an=" +
+         Utf8ToUtf16(m_an) + u"&av=" + Utf8ToUtf16(m_av);
+}
+
+std::u16string TetherdocServer::BuildUserAgent() const {
+  std::u16string name = Utf8ToUtf16(m_an);
+  while (ReplaceFirst(name, u" ", u"_")) {
+  }
+  return u"TDOC/" + Utf8ToUtf16(m_cv) + u" " + os::SystemUserAgent() + u" " + name + u"/" +
+         Utf8ToUtf16(m_av) + u" TPCSDK/" + Utf8ToUtf16(m_av);
+}
+
+std::u16string TetherdocServer::BuildRequestHeaders() const {
+  const std::u16string al = Utf8ToUtf16(m_al);
+  return u"Content-type: application/json\r\nX-tetherdoc-UA: al(" + al + u");cv(" +
+         Utf8ToUtf16(m_cv) + u");an(" + Utf8ToUtf16(m_an) + u");av(" + Utf8ToUtf16(m_av) +
+         u")\r\nAccept-Language: " + al + u"\r\n";
+}
+
+CAsyncWinHttp* TetherdocServer::BeginRequest(const std::u16string& url,
+                                             const std::u16string& method,
+                                             const std::string& body) {
+  if (m_pLog) m_pLog->Write("TetherdocServer::BeginRequest. Host = %s", U8(url).c_str());
+  auto* request = new (std::nothrow) CAsyncWinHttp();
+  if (!request) return nullptr;
+  // The first request of the process opens the session with its agent; the agent is
+  // built every time and then dropped, as later requests share that session.
+  CAsyncWinHttp::EnsureSession(BuildUserAgent());
+  request->SetLog(m_pLog);
+  {
+    std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
+    m_requests.push_back(request);
+  }
+  if (request->Connect(url) && request->SendRequest(BuildRequestHeaders(), body, method))
+    return request;
+
+  request->CloseRequest();
+  {
+    std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
+    m_requests.remove(request);
+  }
+  delete request;
+  return nullptr;
+}
+
+int TetherdocServer::EndRequest(CAsyncWinHttp* request, std::u16string& responseBody,
+                                std::u16string& responseExtra) {
+  if (m_pLog) m_pLog->Write("TetherdocServer::EndRequest.");
+  if (!request) return -1;
+  {
+    std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
+    m_requests.remove(request);
+  }
+  int status = -1;
+  if (request->HasRequest()) {
+    responseBody = request->ResponseText();
+    responseExtra = request->SecondText();
+    status = request->StatusCode();
+  }
+  request->CloseRequest();
+  delete request;
+  return status;
+}
+
+int TetherdocServer::RequestJson(Json::Value& reply, const std::u16string& url,
+                                 const std::u16string& method, const std::string& body) {
+  CAsyncWinHttp* request = BeginRequest(url, method, body);
+  if (!request) return TDC_HRESULT_FAILED;
+  std::u16string text, extra;
+  const int status = EndRequest(request, text, extra);
+  if (status == 403) return TDC_HRESULT_FORBIDDEN;
+  if (status != 200) return TDC_HRESULT_HTTP_ERROR;
+
+  Json::Reader reader;
+  const bool parsed = reader.parse(U8(text), reply);
+  if (!parsed || !reply.isObject()) {
+    return TDC_HRESULT_SERVICE_ERROR;  // an unparsed or non-object reply has no ret
+  }
+  // A missing ret is success; one that is not a number cannot be 0.
+  const Json::Value& ret = reply["ret"];
+  if (ret.isNull()) return TDC_HRESULT_OK;
+  if (!ret.isConvertibleTo(Json::intValue)) return TDC_HRESULT_SERVICE_ERROR;
+  const int nRet = ret.asInt();
+  if (nRet == 0) return TDC_HRESULT_OK;
+  return nRet == kRetTokenExpired ? TDC_HRESULT_RET_210007 : TDC_HRESULT_SERVICE_ERROR;
+}
+
+int TetherdocServer::StopRequest() {
+  std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
+  for (CAsyncWinHttp* request : m_requests) request->CloseRequest();
+  m_requests.clear();
+  return 1;
+}
+
+size_t TetherdocServer::PendingRequests() {
+  std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
+  return m_requests.size();
+}
+
+// ---- slots of the frame --------------------------------------------------------
+
+int TetherdocServer::GetWebServiceUrl(const char* key, TDC_LPWSTR* url) {
+  return Guarded(TDC_HRESULT_FAILED, [&]() -> int {
+    if (!m_nApiReady) return TDC_HRESULT_NOT_READY;
+    std::u16string value = GetApiUrl(u"url", Utf8ToUtf16(key ? key : ""));
+    if (value.empty()) return TDC_HRESULT_NO_URL;
+    ReplaceFirst(value, kClientQueryLiteral, BuildClientQuery());
+    if (!url) return TDC_HRESULT_FAILED;
+    TDC_LPWSTR block = NewWideBlock(value);
+    if (!block) return TDC_HRESULT_FAILED;
+    *url = block;
+    return TDC_HRESULT_OK;
+  });
+}
+
+void TetherdocServer::GetDomain(TDC_LPWSTR* domain) {
+  GuardedVoid([&] {
+    if (domain && !m_wsDomain.empty())
+      if (TDC_LPWSTR block = NewWideBlock(m_wsDomain)) *domain = block;
+  });
+}
+
+void TetherdocServer::GetHost(TDC_LPWSTR* host) {
+  GuardedVoid([&] {
+    if (host && !m_wsHost.empty())
+      if (TDC_LPWSTR block = NewWideBlock(m_wsHost)) *host = block;
+  });
+}
+
+int TetherdocServer::SetAccessToken(TDC_LPCWSTR token) {
+  return Guarded(TDC_HRESULT_FAILED, [&]() -> int {
+    std::u16string value = WideArg(token);
+    if (value == m_wsAccessToken) return TDC_HRESULT_OK;
+    std::lock_guard<std::recursive_mutex> lock(m_lockToken);
+    m_wsAccessToken = std::move(value);
+    return TDC_HRESULT_OK;
+  });
+}
+
+void TetherdocServer::GetAccessToken(char** token) {
+  GuardedVoid([&] {
+    if (!token) return;
+    std::string value;
+    {
+      std::lock_guard<std::recursive_mutex> lock(m_lockToken);
+      value = U8(m_wsAccessToken);
+    }
+    if (char* block = NewTextBlock(value)) *token = block;
+  });
+}
+
+// ---- operations not carried by this build ----------------------------------------
+// The service operations, subscriptions and polling worker answer -2 (or do nothing)
+// until they are implemented; the document-rights family keeps its places for good.
+
+int TetherdocServer::CheckUserToken(const char*, int32_t*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::GetDocOwnerID(const char*, char**) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::GetOwnerEmail(const void*, const char*, char**, TDC_LPWSTR*, char**) {
+  return TDC_HRESULT_FAILED;
+}
+int TetherdocServer::DocumentRights8() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights9() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::GetUserDeviceInfo(const TDC_DEVICE_INFO*, char**) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::UpLoadTDOC(const TDC_TDOC_INFO*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DeleteDocVersion(const char*, const char*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::GetOpenMessage(const char*, const char*, char**) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::UpLoadUserLogger(const TDC_USER_LOG*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::UpdateNotificationSendEmail(const char*, const char*, const char*) {
+  return TDC_HRESULT_FAILED;
+}
+int TetherdocServer::GetServerOptionConfig(char**) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::isUserOnLine(const char*, int32_t*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights18() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights19() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights20() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::ModifyDocVersion(const char*, const char*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights22() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights23() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights24() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights25() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights26() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights27() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::UploadDocInfo(const TDC_DOC_INFO*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::UploadVersionInfo(const TDC_VERSION_INFO*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::GetEmail(const char*, char**) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::SetClientLanguage(const char*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::SubscribecAppID(const char*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::UnSubscribecAppID() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::SubscribeUser(const char*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::UnSubscribeUser(const char*) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::SetSubscribtionCallback(TDC_MessageCallback, TDC_ErrorCallback, void*) {
+  return TDC_HRESULT_FAILED;
+}
+int TetherdocServer::SubscribeUpdateNotification(const char*, const char*, const char*) {
+  return TDC_HRESULT_FAILED;
+}
+int TetherdocServer::UnSubscribeUpdateNotification(const char*, const char*, const char*) {
+  return TDC_HRESULT_FAILED;
+}
+int TetherdocServer::UploadImage(const char*, const char*, const char*, char**) {
+  return TDC_HRESULT_FAILED;
+}
+int TetherdocServer::StartPolling() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::StopPolling() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::Internet_SetPollingConfig(const char*, int32_t) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::stopThread() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::DocumentRights44() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::SendEmailNotification(const char*, TDC_LPCWSTR, TDC_LPCWSTR, TDC_LPCWSTR,
+                                           TDC_LPCWSTR) {
+  return TDC_HRESULT_FAILED;
+}
+void TetherdocServer::UpdateWrapperDocuments() {}
+int TetherdocServer::DocumentRights47() { return TDC_HRESULT_FAILED; }
+int TetherdocServer::GetThirdUser(const char*, TDC_LPCWSTR, char**, int32_t*) {
+  return TDC_HRESULT_FAILED;
+}
+int TetherdocServer::GetThirdUserInfo(const char*, TDC_LPCWSTR, char**) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::GetAgreement(const char*, char**) { return TDC_HRESULT_FAILED; }
+int TetherdocServer::GetCasTicket(const char*, const char*, const char*, char**) {
+  return TDC_HRESULT_FAILED;
+}
+
+}  // namespace tpcsdk
