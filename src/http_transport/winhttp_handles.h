@@ -1,0 +1,97 @@
+// Classes over the HTTP client's three kinds of handle: one session for the process,
+// and a connection and a request for each service call.
+#pragma once
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "os/http.h"
+#include "support/event.h"
+
+namespace tpcsdk {
+
+class DiagnosticLog;
+
+class WinHttpHandle {
+ public:
+  WinHttpHandle() = default;
+  virtual ~WinHttpHandle();
+  WinHttpHandle(const WinHttpHandle&) = delete;
+  WinHttpHandle& operator=(const WinHttpHandle&) = delete;
+  os::HttpHandle Handle() const { return m_hHandle; }
+
+ protected:
+  os::HttpHandle m_hHandle = nullptr;
+};
+
+// The process-wide session: opened with the first request's agent, never closed.
+class WinHttpSession final : public WinHttpHandle {
+ public:
+  // The session, or null before the first Create.
+  static WinHttpSession* Instance();
+  // Opens the process-wide session with agent unless one exists.
+  static void Create(const std::u16string& agent);
+  bool Open(const std::u16string& agent);
+
+ private:
+  std::u16string m_wsAgent;
+};
+
+class WinHttpConnection final : public WinHttpHandle {
+ public:
+  bool Open(const std::u16string& url);
+  const os::HttpUrlParts& Components() const { return m_components; }
+  const std::u16string& Url() const { return m_wsUrl; }
+  const std::u16string& RawQuery() const { return m_wsRawQuery; }
+
+ private:
+  os::HttpUrlParts m_components;
+  std::u16string m_wsUrl;
+  std::u16string m_wsRawQuery;
+};
+
+class WinHttpRequest final : public WinHttpHandle {
+ public:
+  WinHttpRequest() = default;
+  ~WinHttpRequest() override;
+
+  bool Open(WinHttpConnection* connection, const std::u16string& method);
+  // Sends and blocks until the exchange ends or the handle is closed. True means
+  // only that it ended; the status code and the response text tell what came.
+  bool Send(const std::u16string& headers, const std::string& body);
+  // The closing step: close the handle, wait until the client has let go of the
+  // request, free what was read. Frees a sender blocked in Send.
+  void Close();
+
+  // One notification of the exchange; the client never runs two at once.
+  int32_t OnCallback(uint32_t status, void* information, uint32_t length);
+
+  const std::u16string& ResponseText() const { return m_wsResponse; }
+  const std::u16string& SecondText() const { return m_wsSecond; }
+  int32_t StatusCode() const { return m_nStatusCode; }
+  void SetLog(DiagnosticLog* log) { m_pLog = log; }
+
+ private:
+  int32_t QueryResponseHeaders();
+  int32_t QueryData();
+  void ReadChunk();
+  void GatherChunk(char* piece, uint32_t length);
+  void FinishBody();
+  void FreeBuffers();
+
+  uint32_t m_nChunkSize = 0;
+  uint32_t m_nTotalSize = 0;
+  std::string m_readBuffer;       // the body so far
+  char* m_pPendingPiece = nullptr;  // lent to the client until its read completes
+  std::u16string m_wsResponse;
+  std::u16string m_wsSecond;
+  int32_t m_nStatusCode = 0;
+  WinHttpConnection* m_pConnection = nullptr;
+  Event m_completed;
+  Event m_closed;
+  DiagnosticLog* m_pLog = nullptr;
+  bool m_bContextGiven = false;  // the send handed this object to the client
+  std::mutex m_closeLock;        // one closing step at a time
+};
+
+}  // namespace tpcsdk
