@@ -9,6 +9,7 @@
 #include "support/guard.h"
 #include "support/out_buffer.h"
 #include "support/utf.h"
+#include "web_service/api_cache.h"
 
 namespace tpcsdk {
 namespace {
@@ -19,10 +20,6 @@ constexpr char16_t kTokenQueryPlaceholder[] = u"access-token=%s";
 constexpr int32_t kRetTokenExpired = 210007;
 
 std::string U8(const std::u16string& s) { return Utf16ToUtf8(s); }
-
-// The disk cache of API directories is consulted here once it is part of the build.
-bool GetCacheApi(const std::u16string&, std::string&) { return false; }
-void SetCacheApi(const std::u16string&, const std::string&) {}
 
 bool IsEmptyJson(const Json::Value& v) {
   return v.isNull() || ((v.isArray() || v.isObject()) && v.size() == 0);
@@ -85,8 +82,9 @@ int TetherdocServer::InitApi(const char16_t* host) {
 
     std::lock_guard<std::recursive_mutex> lock(m_lockInitApi);
     int nStatus = 0;
-    std::string text;
-    const bool fromCache = GetCacheApi(wsHost, text) && !text.empty();
+    const ApiCache cache(m_an, m_pLog);
+    std::string text = cache.GetCacheApi(wsHost);
+    const bool fromCache = !text.empty();
     if (fromCache) {
       if (m_pLog) {
         m_pLog->Write("TetherdocServer::InitApi. Use Cache Api Data");
@@ -140,7 +138,7 @@ int TetherdocServer::InitApi(const char16_t* host) {
       return TDC_HRESULT_FAILED;
     }
     m_nApiReady = 1;
-    if (!fromCache) SetCacheApi(wsHost, text);
+    if (!fromCache) cache.SetCacheApi(wsHost, text);
     m_wsDomain = GetApiUrl(u"url", u"tdc_domain");
     m_wsHost = wsHost;
     if (m_pLog) m_pLog->Write("TetherdocServer::InitApi   : Host = %s", U8(wsHost).c_str());
