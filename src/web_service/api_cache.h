@@ -30,7 +30,8 @@ std::string NowString();
 // future is always fresh). Both texts are read by position with one index running
 // over `cache_time`: characters 0-3 give the year, up to 6 the month, up to 9 the
 // day, up to 13 the hour, up to 16 the minute and the rest the second; blanks, "-"
-// and ":" are left out. Characters missing from `now` count as absent.
+// and ":" are left out. Characters missing from `now` count as absent, and those of
+// `now` past the end of `cache_time` are not read: an empty `cache_time` is fresh.
 bool IsCacheFresh(std::string_view cache_time, std::string_view now);
 
 // The host component of an http or https URL, without scheme, user, port or path;
