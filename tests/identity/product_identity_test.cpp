@@ -169,3 +169,17 @@ TEST(Paths, CachePathsEnsureEachLevel) {
   EXPECT_EQ(fs::path(Utf8ToUtf16(GetCacheFilePath(u"", "Other App"))),
             tmp.path() / "Tarvo Software" / "Other App" / "cacheData" / ".dat");
 }
+
+TEST(Paths, FilesRenameOverAndDelete) {
+  testkit::TempDir tmp;
+  testkit::WriteFile(tmp / "new", "fresh");
+  testkit::WriteFile(tmp / "old", "stale");
+  EXPECT_TRUE(os::PathExists(U(tmp / "new")));
+  EXPECT_TRUE(os::RenameFile(U(tmp / "new"), U(tmp / "old")));
+  EXPECT_EQ(testkit::ReadFile(tmp / "old"), "fresh");
+  EXPECT_FALSE(os::PathExists(U(tmp / "new")));
+  EXPECT_TRUE(os::RemoveFile(U(tmp / "old")));
+  EXPECT_FALSE(os::RemoveFile(U(tmp / "old")));
+  EXPECT_FALSE(os::PathExists(U(tmp / "old")));
+  EXPECT_EQ(os::OpenStdioFile(U(tmp / "missing"), "r"), nullptr);
+}
