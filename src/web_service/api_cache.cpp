@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include "os/clock.h"
+#include "os/http.h"
 #include "os/paths.h"
 #include "platform/diagnostic_log.h"
 #include "platform/product_identity.h"
@@ -27,7 +28,7 @@ constexpr std::uint8_t kCacheKey[AES::kBlockSize] = {0xc5, 0xcd, 0x76, 0x53, 0x4
 
 constexpr size_t kReadPiece = 0x7FF;
 constexpr double kLifetimeSeconds = 86400.0;
-constexpr size_t kHostComponentLimit = 1024;  // characters, terminator included
+constexpr std::uint32_t kHostComponentLimit = 1024;  // characters, terminator included
 
 // The text of a JSON scalar; false for an array or an object.
 bool ScalarText(const Json::Value& v, std::string& out) {
@@ -97,43 +98,9 @@ bool IsCacheFresh(std::string_view cache_time, std::string_view now) {
 }
 
 std::u16string GetHostNameOfUrl(std::u16string_view url) {
-  // The scheme must be http or https, followed by "//".
-  const size_t colon = url.find(u':');
-  if (colon == std::u16string_view::npos) return std::u16string();
-  std::u16string scheme(url.substr(0, colon));
-  for (auto& c : scheme) {
-    if (c >= u'A' && c <= u'Z') c = static_cast<char16_t>(c + 32);
-  }
-  if (scheme != u"http" && scheme != u"https") return std::u16string();
-  if (url.substr(colon + 1, 2) != u"//") return std::u16string();
-  std::u16string_view authority = url.substr(colon + 3);
-  authority = authority.substr(0, authority.find_first_of(u"/?#"));
-  const size_t at = authority.rfind(u'@');
-  if (at != std::u16string_view::npos) authority = authority.substr(at + 1);
-  std::u16string_view host = authority;
-  std::u16string_view port;
-  if (!authority.empty() && authority[0] == u'[') {
-    const size_t close = authority.find(u']');
-    if (close == std::u16string_view::npos) return std::u16string();
-    host = authority.substr(0, close + 1);
-    port = authority.substr(close + 1);
-    if (!port.empty() && port[0] != u':') return std::u16string();
-  } else {
-    const size_t port_colon = authority.find(u':');
-    host = authority.substr(0, port_colon);
-    if (port_colon != std::u16string_view::npos) port = authority.substr(port_colon);
-  }
-  if (!port.empty()) {
-    port.remove_prefix(1);
-    unsigned long value = 0;
-    for (const char16_t c : port) {
-      if (c < u'0' || c > u'9') return std::u16string();
-      value = value * 10 + static_cast<unsigned long>(c - u'0');
-      if (value > 65535) return std::u16string();
-    }
-  }
-  if (host.empty() || host.size() >= kHostComponentLimit) return std::u16string();
-  return std::u16string(host);
+  os::HttpUrlParts parts;
+  if (!os::HttpCrackUrl(url, false, &parts, kHostComponentLimit)) return std::u16string();
+  return parts.host;
 }
 
 ApiCache::ApiCache(std::string app_name, DiagnosticLog* log, std::function<std::string()> now)

@@ -34,8 +34,9 @@ std::string NowString();
 // `now` past the end of `cache_time` are not read: an empty `cache_time` is fresh.
 bool IsCacheFresh(std::string_view cache_time, std::string_view now);
 
-// The host component of an http or https URL, without scheme, user, port or path;
-// empty when the URL cannot be taken apart (no scheme, for example).
+// The host component of an http or https URL, as the HTTP client's URL cracking
+// gives it (no scheme, user, port or path); empty when the URL cannot be taken
+// apart, for example without a scheme.
 std::u16string GetHostNameOfUrl(std::u16string_view url);
 
 class ApiCache {
