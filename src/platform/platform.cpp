@@ -49,7 +49,9 @@ void TDOCPlatform::ExitInstance(bool processEnding) {
 
 TDOCPlatform::TDOCPlatform() {
   // The configuration file decides m_nLogging and m_wsAppType; with logging on, the
-  // log opens here. Nothing here touches the network or the registry.
+  // log opens here. Nothing here touches the network or the registry. A member of the
+  // wrong type ends the reading with what was taken so far.
+  GuardedVoid([&] { ReadConfiguration(); });
   if (m_nLogging) EnableLogging();
 }
 
@@ -57,7 +59,7 @@ void TDOCPlatform::EnableLogging() {
   m_nLogging = 1;
   if (m_pLog) return;
   auto* log = new (std::nothrow) DiagnosticLog();
-  if (log && log->Open()) {
+  if (log && log->Open(m_wsAppType)) {
     m_pLog = log;
   } else {
     delete log;
@@ -166,8 +168,6 @@ ITetherdocServer* TDOCPlatform::GetServerByHost(TDC_LPCWSTR host) {
 }
 
 // Host discovery (slots 5 to 10) answers "nothing found" until its sources are wired.
-int TDOCPlatform::GetRecordHostFromConfig(TDC_LPWSTR*) { return TDC_HRESULT_FAILED; }
-int TDOCPlatform::GetRecordUpdateHostFromConfig(TDC_LPWSTR*) { return TDC_HRESULT_FAILED; }
 int TDOCPlatform::GetRecordHostFromGPO(TDC_LPWSTR*, TDC_LPCWSTR, TDC_LPCWSTR, TDC_LPCWSTR) {
   return TDC_HRESULT_FAILED;
 }

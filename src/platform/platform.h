@@ -10,6 +10,7 @@ class IProfstore;
 
 namespace tpcsdk {
 
+class ConfigFile;
 class DiagnosticLog;
 class TetherdocServer;
 
@@ -54,6 +55,21 @@ class TDOCPlatform final : public IPDFPlatform {
   int GetCurrentDomainImpl(TDC_LPWSTR* domain);
   TetherdocServer* FindByHost(const std::u16string& host) const;
   TetherdocServer* FindByDomain(const std::u16string& domain) const;
+
+  // Configuration and host discovery (host_discovery.cpp).
+  void ReadConfiguration();
+  void TakeSharedConfigKeys(const ConfigFile& file);
+  std::u16string LookupHostFromDns();
+  std::u16string LookupUpdateHostFromDns();
+  int RecordHostFromConfig(TDC_LPWSTR* host);
+  int RecordUpdateHostFromConfig(TDC_LPWSTR* host);
+  int RecordHostFromGPO(TDC_LPWSTR* host, const std::u16string& app, const std::u16string& version);
+  int RecordUpdateHostFromGPO(TDC_LPWSTR* host, const std::u16string& app,
+                              const std::u16string& version);
+  int RecordHostFromLastDefaultLogined(TDC_LPWSTR* host, const std::u16string& app,
+                                       const std::u16string& version, const std::u16string& user);
+  int EnterpriseEnv(const std::u16string& app, const std::u16string& version, TDC_LPCWSTR user);
+  IProfstore* PreferenceStore(bool editor, const std::u16string& version);
 
   std::vector<TetherdocServer*> m_clients;
   std::u16string m_wsCurrentDomain;
