@@ -26,7 +26,8 @@ class Emulator {
   Emulator(const Emulator&) = delete;
   Emulator& operator=(const Emulator&) = delete;
 
-  // Binds, listens and starts serving. False with `error` set when it cannot.
+  // Binds, listens and starts serving; call it once per object. False with
+  // `error` set when it cannot.
   bool Start(const Options& options, std::string* error);
   // Closes the listeners, ends every connection and joins all threads.
   void Stop();

@@ -284,16 +284,19 @@ struct Emulator::Impl : ControlHost {
       SSL_free(c->ssl);
       c->ssl = nullptr;
     }
-    std::lock_guard<std::mutex> lock(mu);
-    if (c->fd < 0) return;
     if (how == After::kReset) {
-      // Let what was written reach the peer first, so that the reset comes
-      // after those bytes and not instead of them.
+      // Let what was written reach the peer first (bounded to a second), so
+      // that the reset comes after those bytes and not instead of them. The
+      // descriptor stays open until this thread closes it below.
       for (int i = 0; i < 200; ++i) {
         int pending = 0;
         if (ioctl(c->fd, SIOCOUTQ, &pending) != 0 || pending == 0) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
       }
+    }
+    std::lock_guard<std::mutex> lock(mu);
+    if (c->fd < 0) return;
+    if (how == After::kReset) {
       linger lg{1, 0};
       setsockopt(c->fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
     }
@@ -585,6 +588,10 @@ struct Emulator::Impl : ControlHost {
   // ---- start and stop ----------------------------------------------------
 
   bool Start(const Options& o, std::string* error) {
+    if (started || wake[0] >= 0) {
+      *error = "already started";
+      return false;
+    }
     opt = o;
     // A write to a peer that has gone must not end the process.
     struct sigaction old {};
