@@ -159,23 +159,23 @@ class XmlParser {
   }
 
   // Reads a name; the last ":" splits it into name space (all before it) and local
-  // name (all after it). The
-  // first byte that isn't part of a name ends it and stays unread.
+  // name (all after it). The first byte that isn't part of a name ends it and stays
+  // unread.
   void ReadName(std::string& space, std::string& name) {
     space.clear();
     name.clear();
-    bool spaced = false;
+    size_t start = pos_;
+    size_t colon = std::string::npos;
     while (More() && Is(Peek(), kNameStart | kNameChar)) {
-      char c = static_cast<char>(Peek());
+      if (Peek() == ':') colon = pos_;
       ++pos_;
-      if (c == ':') {
-        if (spaced) space.push_back(':');
-        spaced = true;
-        space += name;
-        name.clear();
-      } else {
-        name.push_back(c);
-      }
+    }
+    const char* p = reinterpret_cast<const char*>(block_);
+    if (colon == std::string::npos) {
+      name.assign(p + start, pos_ - start);
+    } else {
+      space.assign(p + start, colon - start);
+      name.assign(p + colon + 1, pos_ - colon - 1);
     }
   }
 
@@ -255,6 +255,13 @@ class XmlParser {
       if (Peek() == '&') {
         ++pos_;
         AppendCodePoint(out, ReadEntity());
+      } else if (Peek() < 0x80) {
+        // Plain ASCII up to the quote or an entity goes in without the decoder.
+        dec.Reset();
+        size_t end = pos_;
+        while (end < size_ && block_[end] < 0x80 && block_[end] != quote && block_[end] != '&') ++end;
+        out.append(block_ + pos_, block_ + end);
+        pos_ = end;
       } else {
         dec.Feed(Peek(), out);
         ++pos_;
@@ -330,6 +337,13 @@ class XmlParser {
       if (c != '<') {
         dec.Feed(c, text);
         ++pos_;
+        // Plain ASCII up to the next markup byte goes in without the decoder.
+        if (c < 0x80) {
+          size_t end = pos_;
+          while (end < size_ && block_[end] < 0x80 && block_[end] != '<' && block_[end] != '&') ++end;
+          text.append(block_ + pos_, block_ + end);
+          pos_ = end;
+        }
         continue;
       }
       ++pos_;
@@ -442,6 +456,7 @@ void XmlElement::SetAttr(std::string space, std::string name, std::u16string val
       return;
     }
   }
+  if (attrs_.empty()) attrs_.reserve(4);  // items usually carry a few attributes
   attrs_.push_back(XmlAttribute{std::move(space), std::move(name), std::move(value)});
 }
 
