@@ -33,8 +33,10 @@
 //     any verb but HEAD into GET, 307/308 keep verb and body. Each hop is announced by
 //     a REDIRECT notification carrying the new URL.
 //   - Timeouts are WinHTTP's defaults: resolve unlimited, connect 60 s (TCP and TLS
-//     handshake), send 30 s, receive 30 s without a byte arriving. A paused transfer
-//     does not time out. They can be changed with the timeout options.
+//     handshake), send 30 s, receive 30 s without a byte arriving (the wait for the
+//     headers and each wait for body bytes). A paused transfer does not time out. The
+//     timeout options change them; the wait for the headers follows
+//     kHttpOptionReceiveResponseTimeout, as WinHTTP's does.
 //   - TLS 1.0 to 1.2 only (kHttpOptionSecureProtocols, default 0xA80), subject to the
 //     system's TLS library policy. Certificate checks follow kHttpOptionSecurityFlags:
 //     IGNORE_UNKNOWN_CA turns peer verification off (date included), IGNORE_CERT_CN_INVALID
@@ -148,6 +150,7 @@ constexpr uint32_t kHttpOptionResolveTimeout = 2;
 constexpr uint32_t kHttpOptionConnectTimeout = 3;
 constexpr uint32_t kHttpOptionSendTimeout = 5;
 constexpr uint32_t kHttpOptionReceiveTimeout = 6;
+constexpr uint32_t kHttpOptionReceiveResponseTimeout = 7;  // the wait for the headers
 constexpr uint32_t kHttpOptionSecurityFlags = 31;
 constexpr uint32_t kHttpOptionContextValue = 45;
 constexpr uint32_t kHttpOptionSecureProtocols = 84;

@@ -80,6 +80,7 @@ static_assert(kHttpOptionResolveTimeout == WINHTTP_OPTION_RESOLVE_TIMEOUT);
 static_assert(kHttpOptionConnectTimeout == WINHTTP_OPTION_CONNECT_TIMEOUT);
 static_assert(kHttpOptionSendTimeout == WINHTTP_OPTION_SEND_TIMEOUT);
 static_assert(kHttpOptionReceiveTimeout == WINHTTP_OPTION_RECEIVE_TIMEOUT);
+static_assert(kHttpOptionReceiveResponseTimeout == WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT);
 static_assert(kHttpOptionSecurityFlags == WINHTTP_OPTION_SECURITY_FLAGS);
 static_assert(kHttpOptionContextValue == WINHTTP_OPTION_CONTEXT_VALUE);
 static_assert(kHttpOptionSecureProtocols == WINHTTP_OPTION_SECURE_PROTOCOLS);

@@ -1,0 +1,594 @@
+// The HTTP seam driven directly, as the transport drives it, against a local server
+// that controls every byte. The same tests run on the libcurl backend and, under wine,
+// on WinHTTP.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "http/raw_server.h"
+#include "kit/testkit.h"
+#include "os/http.h"
+#include "support/utf.h"
+
+using namespace tpcsdk::os;
+using httptest::Connection;
+using httptest::RawServer;
+using httptest::Received;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kBound = 10s;
+
+struct Event {
+  uint32_t status;
+  uint32_t count = 0;  // DATA_AVAILABLE count, READ_COMPLETE length
+  uintptr_t call = 0;
+  uint32_t error = 0;
+};
+
+bool IsMain(uint32_t s) {
+  return s == kHttpStatusSendRequestComplete || s == kHttpStatusHeadersAvailable ||
+         s == kHttpStatusDataAvailable || s == kHttpStatusReadComplete ||
+         s == kHttpStatusRequestError || s == kHttpStatusHandleClosing ||
+         s == kHttpStatusRedirect;
+}
+
+bool IsInformational(uint32_t s) {
+  return s != 0 && (s & ~0xC7FFu) == 0 && s != kHttpStatusHandleClosing;
+}
+
+// One request run the way the transport runs it: receive on send complete, query on
+// headers, read what is available, query again after each read.
+class Exchange {
+ public:
+  explicit Exchange(uint16_t port, const std::u16string& verb = u"GET",
+                    const std::u16string& object = u"/p", uint32_t flags = 0,
+                    const std::u16string& host = u"127.0.0.1",
+                    uint32_t access = kHttpAccessTypeNoProxy, const std::u16string& proxy = u"") {
+    session_ = HttpOpen(u"seam-test/1.0", access, proxy, u"", kHttpFlagAsync);
+    connect_ = session_ ? HttpConnect(session_, host, port) : nullptr;
+    request_ = connect_ ? HttpOpenRequest(connect_, verb, object, flags) : nullptr;
+    if (request_) HttpSetStatusCallback(request_, &Exchange::Callback, kHttpAllNotifications);
+  }
+  ~Exchange() {
+    CloseRequest();
+    closing_.WaitFor(kBound);
+    if (connect_) HttpCloseHandle(connect_);
+    if (session_) HttpCloseHandle(session_);
+  }
+  bool ok() const { return request_ != nullptr; }
+  HttpHandle request() const { return request_; }
+
+  bool Send(const std::string& body = "", const std::u16string& headers = u"") {
+    return HttpSendRequest(request_, headers, body.data(), static_cast<uint32_t>(body.size()),
+                           static_cast<uint32_t>(body.size()), reinterpret_cast<uintptr_t>(this));
+  }
+  void CloseRequest() {
+    if (request_ && !closed_.exchange(true)) HttpCloseHandle(request_);
+  }
+  bool WaitEnded(std::chrono::milliseconds bound = kBound) { return ended_.WaitFor(bound); }
+  bool WaitClosing() { return closing_.WaitFor(kBound); }
+  bool WaitReads(int n) {
+    return testkit::WaitUntil([&] { return reads_.load() >= n; }, kBound);
+  }
+  // After this many reads the exchange asks for more data but reads no further.
+  void HoldAfterReads(int n) { hold_after_ = n; }
+  void ReadSize(uint32_t n) { read_size_ = n; }
+
+  std::vector<Event> Main() {
+    std::lock_guard<std::mutex> lock(mu_);
+    std::vector<Event> out;
+    std::copy_if(events_.begin(), events_.end(), std::back_inserter(out),
+                 [](const Event& e) { return IsMain(e.status); });
+    return out;
+  }
+  std::vector<uint32_t> DataCounts() {
+    std::vector<uint32_t> out;
+    for (const Event& e : Main()) {
+      if (e.status == kHttpStatusDataAvailable) out.push_back(e.count);
+    }
+    return out;
+  }
+  std::vector<uint32_t> Statuses() {
+    std::lock_guard<std::mutex> lock(mu_);
+    std::vector<uint32_t> out;
+    for (const Event& e : events_) out.push_back(e.status);
+    return out;
+  }
+  // Checks what must hold after any exchange: one HANDLE_CLOSING, last, with no other
+  // notification after it, and only known notifications.
+  void ExpectClosedCleanly() {
+    const std::vector<uint32_t> all = Statuses();
+    ASSERT_FALSE(all.empty());
+    EXPECT_EQ(all.back(), kHttpStatusHandleClosing);
+    EXPECT_EQ(std::count(all.begin(), all.end(), kHttpStatusHandleClosing), 1);
+    for (uint32_t s : all) EXPECT_TRUE(IsMain(s) || IsInformational(s)) << std::hex << s;
+    EXPECT_EQ(foreign_context_, 0);
+  }
+
+  std::string body;
+  uint32_t status_code = 0;
+  std::u16string raw_headers;
+  uint32_t raw_headers_bytes = 0;
+
+ private:
+  static void Callback(HttpHandle h, uintptr_t context, uint32_t status, void* info,
+                       uint32_t length) {
+    if (context) reinterpret_cast<Exchange*>(context)->On(h, status, info, length);
+  }
+
+  void On(HttpHandle h, uint32_t status, void* info, uint32_t length) {
+    Event e{status};
+    if (h != request_) ++foreign_context_;
+    if (status == kHttpStatusDataAvailable) e.count = *static_cast<uint32_t*>(info);
+    if (status == kHttpStatusReadComplete) e.count = length;
+    if (status == kHttpStatusRequestError) {
+      e.call = static_cast<HttpAsyncResult*>(info)->call;
+      e.error = static_cast<HttpAsyncResult*>(info)->error;
+    }
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      events_.push_back(e);
+    }
+    switch (status) {
+      case kHttpStatusSendRequestComplete:
+        HttpReceiveResponse(h);
+        break;
+      case kHttpStatusHeadersAvailable: {
+        uint32_t len = sizeof(status_code);
+        HttpQueryHeaders(h, kHttpQueryStatusCode | kHttpQueryFlagNumber, nullptr, &status_code,
+                         &len, nullptr);
+        uint32_t size = 0;
+        if (!HttpQueryHeaders(h, kHttpQueryRawHeadersCrlf, nullptr, nullptr, &size, nullptr) &&
+            HttpLastError() == kHttpErrorInsufficientBuffer && size % 2 == 0) {
+          std::u16string text(size / 2, u'\0');
+          if (HttpQueryHeaders(h, kHttpQueryRawHeadersCrlf, nullptr, text.data(), &size, nullptr)) {
+            raw_headers_bytes = size;
+            raw_headers = text.substr(0, size / 2);
+          }
+        }
+        HttpQueryDataAvailable(h);
+        break;
+      }
+      case kHttpStatusDataAvailable:
+        if (e.count == 0) {
+          ended_.Set();
+        } else {
+          buffer_.assign(std::min(e.count, read_size_), '\0');
+          HttpReadData(h, buffer_.data(), static_cast<uint32_t>(buffer_.size()));
+        }
+        break;
+      case kHttpStatusReadComplete:
+        body.append(static_cast<const char*>(info), length);
+        if (hold_after_ < 0 || reads_ < hold_after_) HttpQueryDataAvailable(h);
+        ++reads_;
+        break;
+      case kHttpStatusRequestError:
+        ended_.Set();
+        break;
+      case kHttpStatusHandleClosing:
+        closing_.Set();
+        break;
+    }
+  }
+
+  HttpHandle session_ = nullptr, connect_ = nullptr, request_ = nullptr;
+  std::mutex mu_;
+  std::vector<Event> events_;
+  std::vector<char> buffer_;
+  uint32_t read_size_ = 1 << 20;
+  int hold_after_ = -1;
+  std::atomic<int> reads_{0};
+  std::atomic<bool> closed_{false};
+  int foreign_context_ = 0;
+  testkit::Signal ended_, closing_;
+};
+
+std::string Reply(const std::string& status, const std::string& body,
+                  const std::string& extra = "") {
+  return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) +
+         "\r\n" + extra + "Connection: close\r\n\r\n" + body;
+}
+
+// A script that reads one request, records it, and sends a fixed reply.
+RawServer::Script Answer(RawServer** self, std::string reply) {
+  return [self, reply](Connection& c) {
+    Received r;
+    if (!c.Read(&r)) return;
+    (*self)->Record(r);
+    c.Send(reply);
+    c.PeerClosedWithin(10000);
+  };
+}
+
+std::string HeaderLine(const std::string& head, const std::string& name) {
+  const size_t at = head.find("\r\n" + name + ": ");
+  if (at == std::string::npos) return std::string();
+  return head.substr(at + 2, head.find("\r\n", at + 2) - at - 2);
+}
+
+}  // namespace
+
+TEST(HttpSeam, PlainReplyArrivesInWinHttpOrder) {
+  RawServer* server = nullptr;
+  RawServer s(Answer(&server, Reply("200 OK", "hello", "X-Extra: one\r\n")));
+  server = &s;
+  Exchange x(s.port(), u"POST", u"/p?q=1");
+  ASSERT_TRUE(x.ok());
+  ASSERT_TRUE(x.Send("{\"a\":1}", u"Content-type: application/json\r\nX-Test: v\r\n"));
+  ASSERT_TRUE(x.WaitEnded());
+  x.CloseRequest();
+  ASSERT_TRUE(x.WaitClosing());
+
+  const std::vector<Event> ev = x.Main();
+  const std::vector<uint32_t> expected = {
+      kHttpStatusSendRequestComplete, kHttpStatusHeadersAvailable, kHttpStatusDataAvailable,
+      kHttpStatusReadComplete,        kHttpStatusDataAvailable,    kHttpStatusHandleClosing};
+  ASSERT_EQ(ev.size(), expected.size());
+  for (size_t i = 0; i < ev.size(); ++i) EXPECT_EQ(ev[i].status, expected[i]) << i;
+  EXPECT_EQ(x.DataCounts(), (std::vector<uint32_t>{5, 0}));
+  x.ExpectClosedCleanly();
+
+  EXPECT_EQ(x.status_code, 200u);
+  const std::u16string head =
+      u"HTTP/1.1 200 OK\r\nContent-Length: 5\r\nX-Extra: one\r\nConnection: close\r\n\r\n";
+  EXPECT_EQ(x.raw_headers, head);
+  EXPECT_EQ(x.raw_headers_bytes, head.size() * 2);
+  EXPECT_EQ(x.body, "hello");
+
+  const std::vector<Received> got = s.received();
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].request_line, "POST /p?q=1 HTTP/1.1");
+  EXPECT_EQ(got[0].body, "{\"a\":1}");
+  EXPECT_EQ(HeaderLine(got[0].head, "User-Agent"), "User-Agent: seam-test/1.0");
+  EXPECT_EQ(HeaderLine(got[0].head, "X-Test"), "X-Test: v");
+  EXPECT_EQ(HeaderLine(got[0].head, "Content-type"), "Content-type: application/json");
+}
+
+class HttpSeamChunks : public ::testing::TestWithParam<bool> {};
+
+// Each piece is sent only after the client has read the one before, so each must come
+// as its own DATA_AVAILABLE, whatever the framing.
+TEST_P(HttpSeamChunks, BodyInPiecesArrivesPieceByPiece) {
+  const bool chunked = GetParam();
+  if (chunked && httptest::UnderWine()) {
+    GTEST_SKIP() << "wine's WinHTTP does not answer a query until more of a chunked body arrives";
+  }
+  Exchange* client = nullptr;
+  RawServer s([&](Connection& c) {
+    Received r;
+    if (!c.Read(&r)) return;
+    const char* pieces[] = {"abc", "defg", "hi"};
+    c.Send(chunked ? "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                   : "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n");
+    for (int i = 0; i < 3; ++i) {
+      const std::string p = pieces[i];
+      c.Send(chunked ? std::to_string(p.size()) + "\r\n" + p + "\r\n" + (i == 2 ? "0\r\n\r\n" : "")
+                     : p);
+      if (i < 2 && !client->WaitReads(i + 1)) return;
+    }
+    c.PeerClosedWithin(10000);
+  });
+  Exchange x(s.port());
+  client = &x;
+  ASSERT_TRUE(x.Send());
+  ASSERT_TRUE(x.WaitEnded());
+  EXPECT_EQ(x.body, "abcdefghi");
+  EXPECT_EQ(x.DataCounts(), (std::vector<uint32_t>{3, 4, 2, 0}));
+  x.CloseRequest();
+  ASSERT_TRUE(x.WaitClosing());
+  x.ExpectClosedCleanly();
+}
+
+INSTANTIATE_TEST_SUITE_P(Framing, HttpSeamChunks, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "Chunked" : "Length"; });
+
+TEST(HttpSeam, CloseMidBodyCancelsAndStillDeliversClosing) {
+  testkit::Signal release;
+  std::atomic<bool> peer_closed_first{false};
+  RawServer s([&](Connection& c) {
+    Received r;
+    if (!c.Read(&r)) return;
+    c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc");
+    // Wait for the client to go away; the test's release ends the wait for a client
+    // that keeps its connection until the server ends it.
+    for (int i = 0; i < 1000 && !release.WaitFor(10ms); ++i) {
+      if (c.PeerClosedWithin(0)) {
+        peer_closed_first = true;
+        return;
+      }
+    }
+  });
+  Exchange x(s.port());
+  x.HoldAfterReads(1);  // then a query stays pending: nothing more arrives
+  ASSERT_TRUE(x.Send());
+  ASSERT_TRUE(x.WaitReads(1));
+  x.CloseRequest();
+#ifndef _WIN32
+  // The cancelled transfer lets go of its connection without the server's help.
+  ASSERT_TRUE(x.WaitClosing());
+  EXPECT_TRUE(testkit::WaitUntil([&] { return peer_closed_first.load(); }, kBound));
+#endif
+  release.Set();
+  ASSERT_TRUE(x.WaitClosing());
+  x.ExpectClosedCleanly();
+  EXPECT_EQ(x.body, "abc");
+  // The pending query ends at most once before the closing.
+  const std::vector<Event> ev = x.Main();
+  ASSERT_GE(ev.size(), 5u);
+  EXPECT_EQ(ev[3].status, kHttpStatusReadComplete);
+  EXPECT_LE(ev.size(), 6u);
+#ifndef _WIN32
+  ASSERT_EQ(ev.size(), 6u);
+  EXPECT_EQ(ev[4].status, kHttpStatusRequestError);
+  EXPECT_EQ(ev[4].call, kHttpApiQueryDataAvailable);
+  EXPECT_EQ(ev[4].error, kHttpErrorOperationCancelled);
+#endif
+}
+
+struct FailureCase {
+  const char* name;
+  enum { kRefused, kCloseBeforeHeaders, kResetBeforeHeaders, kResetMidBody, kTimeout } how;
+  uintptr_t call;
+  std::vector<uint32_t> errors;  // WinHTTP's number first; wine reports some socket errors
+};
+
+class HttpSeamFailure : public ::testing::TestWithParam<FailureCase> {};
+
+TEST_P(HttpSeamFailure, EndsWithOneRequestError) {
+  const FailureCase& fc = GetParam();
+  Exchange* client = nullptr;
+  testkit::Signal done;
+  RawServer s([&](Connection& c) {
+    Received r;
+    if (!c.Read(&r)) return;
+    if (fc.how == FailureCase::kCloseBeforeHeaders) return;
+    if (fc.how == FailureCase::kResetBeforeHeaders) return c.Reset();
+    if (fc.how == FailureCase::kTimeout) {
+      done.WaitFor(kBound);
+      return;
+    }
+    c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc");
+    if (client->WaitReads(1)) c.Reset();
+  });
+  const uint16_t port = fc.how == FailureCase::kRefused ? httptest::ClosedPort() : s.port();
+  Exchange x(port);
+  client = &x;
+  x.HoldAfterReads(1);
+  if (fc.how == FailureCase::kTimeout) {
+    const uint32_t ms = 300;
+    ASSERT_TRUE(HttpSetOption(x.request(), kHttpOptionReceiveTimeout, &ms, sizeof(ms)));
+    ASSERT_TRUE(HttpSetOption(x.request(), kHttpOptionReceiveResponseTimeout, &ms, sizeof(ms)));
+  }
+  ASSERT_TRUE(x.Send());
+  ASSERT_TRUE(x.WaitEnded());
+  done.Set();
+  x.CloseRequest();
+  ASSERT_TRUE(x.WaitClosing());
+  x.ExpectClosedCleanly();
+
+  const std::vector<Event> ev = x.Main();
+  ASSERT_EQ(std::count_if(ev.begin(), ev.end(),
+                          [](const Event& e) { return e.status == kHttpStatusRequestError; }),
+            1);
+  const Event& err = ev[ev.size() - 2];
+  ASSERT_EQ(err.status, kHttpStatusRequestError);
+  EXPECT_EQ(err.call, fc.call);
+  EXPECT_NE(std::find(fc.errors.begin(), fc.errors.end(), err.error), fc.errors.end()) << err.error;
+  EXPECT_EQ(ev[0].status == kHttpStatusSendRequestComplete, fc.how != FailureCase::kRefused);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Failures, HttpSeamFailure,
+    ::testing::Values(
+        FailureCase{"Refused", FailureCase::kRefused, kHttpApiSendRequest, {kHttpErrorCannotConnect}},
+        FailureCase{"CloseBeforeHeaders", FailureCase::kCloseBeforeHeaders, kHttpApiReceiveResponse,
+                    {kHttpErrorInvalidServerResponse}},
+        FailureCase{"ResetBeforeHeaders", FailureCase::kResetBeforeHeaders, kHttpApiReceiveResponse,
+                    {kHttpErrorConnectionError, kHttpErrorInvalidServerResponse, 10054}},
+        FailureCase{"ResetMidBody", FailureCase::kResetMidBody, kHttpApiQueryDataAvailable,
+                    {kHttpErrorConnectionError, 10054}},
+        FailureCase{"ReceiveTimeout", FailureCase::kTimeout, kHttpApiReceiveResponse,
+                    {kHttpErrorTimeout, 10060}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct RedirectCase {
+  const char* name;
+  int code;
+  const char16_t* verb;
+  const char* second_line;  // the request line that follows the redirect
+  bool body_kept;
+  bool wine_follows;  // wine's WinHTTP follows only some of these
+};
+
+class HttpSeamRedirect : public ::testing::TestWithParam<RedirectCase> {};
+
+TEST_P(HttpSeamRedirect, FollowedLikeWinHttp) {
+  const RedirectCase& rc = GetParam();
+  if (!rc.wine_follows && httptest::UnderWine()) GTEST_SKIP() << "wine does not follow this one";
+  RawServer* server = nullptr;
+  RawServer s([&](Connection& c) {
+    Received r;
+    while (c.Read(&r)) {
+      server->Record(r);
+      if (r.request_line.find("/final") == std::string::npos) {
+        c.Send("HTTP/1.1 " + std::to_string(rc.code) +
+               " Moved\r\nLocation: /final?x=1\r\nContent-Length: 3\r\n\r\nold");
+      } else {
+        c.Send(Reply("200 OK", "done"));
+        return;
+      }
+    }
+  });
+  server = &s;
+  Exchange x(s.port(), rc.verb, u"/start");
+  ASSERT_TRUE(x.Send("body"));
+  ASSERT_TRUE(x.WaitEnded());
+  EXPECT_EQ(x.status_code, 200u);
+  EXPECT_EQ(x.body, "done");
+  const std::vector<Event> ev = x.Main();
+  EXPECT_TRUE(std::any_of(ev.begin(), ev.end(),
+                          [](const Event& e) { return e.status == kHttpStatusRedirect; }));
+  const std::vector<Received> got = s.received();
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[1].request_line, rc.second_line);
+  EXPECT_EQ(got[1].body, rc.body_kept ? "body" : "");
+  x.CloseRequest();
+  ASSERT_TRUE(x.WaitClosing());
+  x.ExpectClosedCleanly();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Redirects, HttpSeamRedirect,
+    ::testing::Values(
+        RedirectCase{"Found302Post", 302, u"POST", "GET /final?x=1 HTTP/1.1", false, false},
+        RedirectCase{"SeeOther303Put", 303, u"PUT", "GET /final?x=1 HTTP/1.1", false, false},
+        RedirectCase{"Temporary307Post", 307, u"POST", "POST /final?x=1 HTTP/1.1", true, true},
+        RedirectCase{"Permanent308Put", 308, u"PUT", "PUT /final?x=1 HTTP/1.1", true, false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct TargetCase {
+  const char* name;
+  const char16_t* object;
+  uint32_t flags;
+  const char* on_wire;
+};
+
+class HttpSeamTarget : public ::testing::TestWithParam<TargetCase> {};
+
+TEST_P(HttpSeamTarget, ObjectNameReachesTheWireAsWinHttpSendsIt) {
+  RawServer* server = nullptr;
+  RawServer s(Answer(&server, Reply("200 OK", "ok")));
+  server = &s;
+  Exchange x(s.port(), u"GET", GetParam().object, GetParam().flags);
+  ASSERT_TRUE(x.Send());
+  ASSERT_TRUE(x.WaitEnded());
+  const std::vector<Received> got = s.received();
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].request_line, std::string("GET ") + GetParam().on_wire + " HTTP/1.1");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Targets, HttpSeamTarget,
+    ::testing::Values(
+        TargetCase{"UnsafeEscaped", u"/p a/\u00e9?q=a b&c=%&d=\"<>{}|\\^`~'#x", 0,
+                   "/p%20a/%C3%A9?q=a%20b&c=%&d=%22%3C%3E%7B%7D%7C%5C%5E%60~'%23x"},
+        TargetCase{"RawKeepsUnsafe", u"/p a/\u00e9?q=a b&c=%&d=\"<>{}|\\^`~'#x",
+                   kHttpFlagEscapeDisable, "/p%20a/%C3%A9?q=a%20b&c=%&d=\"<>{}|\\^`~'#x"},
+        TargetCase{"PercentEscaped", u"/p?c=%&d=%41", kHttpFlagEscapePercent, "/p?c=%25&d=%2541"},
+        TargetCase{"RawQueryOnly", u"/a\"b?c\"d", kHttpFlagEscapeDisableQuery, "/a%22b?c\"d"},
+        TargetCase{"SubDelimitersKept", u"/a[b]c@d!e$f&g(h)i*j+k,l;m=n:o?p[q]r/s@", 0,
+                   "/a%5Bb%5Dc@d!e$f&g(h)i*j+k,l;m=n:o?p%5Bq%5Dr/s@"},
+        TargetCase{"TicketEscapesByteForByte",
+                   u"/tdocapi/v1/users/get-cas-ticket?service=http%3A%2F%2Fh%2F%3Fa%3Db%20c",
+                   kHttpFlagEscapeDisable,
+                   "/tdocapi/v1/users/get-cas-ticket?service=http%3A%2F%2Fh%2F%3Fa%3Db%20c"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// A body far larger than the receive buffer, read in small steps: it arrives whole and
+// in order through every pause and resume, and no answer reports more than is bounded.
+TEST(HttpSeam, LargeBodyPassesThroughTheBoundedBuffer) {
+  std::string big(4 << 20, '\0');
+  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>('a' + (i * 7 + i / 977) % 26);
+  RawServer* server = nullptr;
+  RawServer s(Answer(&server, Reply("200 OK", big)));
+  server = &s;
+  Exchange x(s.port());
+  x.ReadSize(3000);
+  ASSERT_TRUE(x.Send());
+  ASSERT_TRUE(x.WaitEnded(60s));
+  EXPECT_TRUE(x.body == big) << x.body.size();
+  const std::vector<uint32_t> counts = x.DataCounts();
+  EXPECT_LE(*std::max_element(counts.begin(), counts.end()), 1u << 20);
+}
+
+TEST(HttpSeam, NamedProxyCarriesTheWholeUrl) {
+  RawServer* server = nullptr;
+  RawServer s(Answer(&server, Reply("200 OK", "via proxy")));
+  server = &s;
+  const std::u16string proxy = tpcsdk::Utf8ToUtf16("127.0.0.1:" + std::to_string(s.port()));
+  Exchange x(8080, u"GET", u"/p?q", 0, u"origin.invalid", kHttpAccessTypeNamedProxy, proxy);
+  ASSERT_TRUE(x.Send());
+  ASSERT_TRUE(x.WaitEnded());
+  EXPECT_EQ(x.body, "via proxy");
+  const std::vector<Received> got = s.received();
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].request_line, "GET http://origin.invalid:8080/p?q HTTP/1.1");
+}
+
+TEST(HttpSeam, StaleHandlesAndCallsOutOfOrderFail) {
+#ifdef _WIN32
+  GTEST_SKIP() << "WinHTTP checks its own handles";
+#else
+  HttpHandle session = HttpOpen(u"t", kHttpAccessTypeNoProxy, u"", u"", kHttpFlagAsync);
+  ASSERT_NE(session, nullptr);
+  HttpHandle connect = HttpConnect(session, u"127.0.0.1", 1);
+  HttpHandle request = HttpOpenRequest(connect, u"GET", u"/", 0);
+  ASSERT_NE(request, nullptr);
+  EXPECT_FALSE(HttpReceiveResponse(request));
+  EXPECT_EQ(HttpLastError(), kHttpErrorIncorrectHandleState);
+  char buf[4];
+  EXPECT_FALSE(HttpReadData(request, buf, sizeof(buf)));
+  EXPECT_EQ(HttpLastError(), kHttpErrorIncorrectHandleState);
+  EXPECT_EQ(HttpOpenRequest(session, u"GET", u"/", 0), nullptr);
+  EXPECT_EQ(HttpLastError(), kHttpErrorIncorrectHandleType);
+  EXPECT_EQ(HttpConnect(reinterpret_cast<HttpHandle>(0x7), u"h", 80), nullptr);
+  EXPECT_EQ(HttpLastError(), kHttpErrorInvalidHandle);
+  EXPECT_TRUE(HttpCloseHandle(request));
+  EXPECT_FALSE(HttpCloseHandle(request));
+  EXPECT_EQ(HttpLastError(), kHttpErrorInvalidHandle);
+  EXPECT_FALSE(HttpQueryDataAvailable(request));
+  EXPECT_EQ(HttpLastError(), kHttpErrorInvalidHandle);
+  EXPECT_TRUE(HttpCloseHandle(connect));
+  EXPECT_TRUE(HttpCloseHandle(session));
+#endif
+}
+
+namespace {
+
+struct ClosingLog {
+  std::mutex mu;
+  std::vector<std::pair<HttpHandle, uintptr_t>> closings;
+  testkit::Signal session_closed;
+  HttpHandle session = nullptr;
+};
+ClosingLog* g_closing_log = nullptr;
+
+void LogClosing(HttpHandle h, uintptr_t context, uint32_t status, void*, uint32_t) {
+  if (status != kHttpStatusHandleClosing) return;
+  std::lock_guard<std::mutex> lock(g_closing_log->mu);
+  g_closing_log->closings.emplace_back(h, context);
+  if (h == g_closing_log->session) g_closing_log->session_closed.Set();
+}
+
+}  // namespace
+
+// Handles inherit the session's callback; an unsent request closes with context 0; a
+// parent's closing comes after its children's even when the parent is closed first.
+TEST(HttpSeam, EveryHandleClosesOnceAndParentsLast) {
+  ClosingLog log;
+  g_closing_log = &log;
+  log.session = HttpOpen(u"t", kHttpAccessTypeNoProxy, u"", u"", kHttpFlagAsync);
+  ASSERT_NE(log.session, nullptr);
+  ASSERT_TRUE(HttpSetStatusCallback(log.session, LogClosing, kHttpStatusHandleClosing));
+  HttpHandle connect = HttpConnect(log.session, u"127.0.0.1", 1);
+  HttpHandle request = HttpOpenRequest(connect, u"GET", u"/", 0);
+  ASSERT_NE(request, nullptr);
+  ASSERT_TRUE(HttpCloseHandle(log.session));
+  ASSERT_TRUE(HttpCloseHandle(connect));
+  ASSERT_TRUE(HttpCloseHandle(request));
+  ASSERT_TRUE(log.session_closed.WaitFor(kBound));
+  std::lock_guard<std::mutex> lock(log.mu);
+  ASSERT_EQ(log.closings.size(), 3u);
+  EXPECT_EQ(log.closings[0].first, request);
+  EXPECT_EQ(log.closings[1].first, connect);
+  EXPECT_EQ(log.closings[2].first, log.session);
+  EXPECT_EQ(log.closings[0].second, 0u);
+  g_closing_log = nullptr;
+}
