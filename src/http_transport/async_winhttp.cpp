@@ -8,7 +8,7 @@ namespace tpcsdk {
 
 CAsyncWinHttp::~CAsyncWinHttp() {
   CloseRequest();
-  delete m_pRequest;
+  delete m_pRequest.load();
   delete m_pConnection;
   m_pRequest = nullptr;
   m_pConnection = nullptr;
@@ -28,31 +28,37 @@ bool CAsyncWinHttp::Connect(const std::u16string& url) {
 bool CAsyncWinHttp::SendRequest(const std::u16string& headers, const std::string& body,
                                 const std::u16string& method) {
   if (!m_pConnection) return false;
-  m_pRequest = new (std::nothrow) WinHttpRequest();
-  if (!m_pRequest) return false;
-  m_pRequest->SetLog(m_pLog);
-  if (!m_pRequest->Open(m_pConnection, method)) return false;
+  auto* request = new (std::nothrow) WinHttpRequest();
+  if (!request) return false;
+  request->SetLog(m_pLog);
+  m_pRequest = request;
+  if (!request->Open(m_pConnection, method)) return false;
   if (headers.empty()) return false;
-  if (!m_pRequest->Send(headers, body)) return false;
+  if (!request->Send(headers, body)) return false;
   if (m_pfnResult) {
-    m_pfnResult(m_pRequest->ResponseText(), m_pRequest->SecondText(), m_pRequest->StatusCode(),
+    m_pfnResult(request->ResponseText(), request->SecondText(), request->StatusCode(),
                 m_nCallbackData);
   }
   return true;
 }
 
 void CAsyncWinHttp::CloseRequest() {
-  if (m_pRequest) m_pRequest->Close();
+  if (WinHttpRequest* request = m_pRequest.load()) request->Close();
 }
 
 std::u16string CAsyncWinHttp::ResponseText() const {
-  return m_pRequest ? m_pRequest->ResponseText() : std::u16string();
+  const WinHttpRequest* request = m_pRequest.load();
+  return request ? request->ResponseText() : std::u16string();
 }
 
 std::u16string CAsyncWinHttp::SecondText() const {
-  return m_pRequest ? m_pRequest->SecondText() : std::u16string();
+  const WinHttpRequest* request = m_pRequest.load();
+  return request ? request->SecondText() : std::u16string();
 }
 
-int32_t CAsyncWinHttp::StatusCode() const { return m_pRequest ? m_pRequest->StatusCode() : 0; }
+int32_t CAsyncWinHttp::StatusCode() const {
+  const WinHttpRequest* request = m_pRequest.load();
+  return request ? request->StatusCode() : 0;
+}
 
 }  // namespace tpcsdk

@@ -1,6 +1,7 @@
 // The objects of one service call over the HTTP client: a connection and a request,
 // driven by the client's notifications while the sender blocks on an event.
 #pragma once
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -36,6 +37,8 @@ class CAsyncWinHttp {
   void SetLog(DiagnosticLog* log) { m_pLog = log; }
   // What the exchange left: false when no request was ever made.
   bool HasRequest() const { return m_pRequest != nullptr; }
+  // The request once SendRequest has created it; null before.
+  const WinHttpRequest* RequestObject() const { return m_pRequest.load(); }
   std::u16string ResponseText() const;
   std::u16string SecondText() const;
   int32_t StatusCode() const;
@@ -44,7 +47,7 @@ class CAsyncWinHttp {
   ResultCallback m_pfnResult = nullptr;
   uint64_t m_nCallbackData = 0;
   WinHttpConnection* m_pConnection = nullptr;
-  WinHttpRequest* m_pRequest = nullptr;
+  std::atomic<WinHttpRequest*> m_pRequest{nullptr};  // also read by observers of the list
   DiagnosticLog* m_pLog = nullptr;
 };
 

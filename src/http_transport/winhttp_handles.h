@@ -1,6 +1,7 @@
 // Classes over the HTTP client's three kinds of handle: one session for the process,
 // and a connection and a request for each service call.
 #pragma once
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -68,7 +69,7 @@ class WinHttpRequest final : public WinHttpHandle {
 
   const std::u16string& ResponseText() const { return m_wsResponse; }
   const std::u16string& SecondText() const { return m_wsSecond; }
-  int32_t StatusCode() const { return m_nStatusCode; }
+  int32_t StatusCode() const { return m_nStatusCode.load(); }
   void SetLog(DiagnosticLog* log) { m_pLog = log; }
 
  private:
@@ -85,7 +86,7 @@ class WinHttpRequest final : public WinHttpHandle {
   char* m_pPendingPiece = nullptr;  // lent to the client until its read completes
   std::u16string m_wsResponse;
   std::u16string m_wsSecond;
-  int32_t m_nStatusCode = 0;
+  std::atomic<int32_t> m_nStatusCode{0};  // read by StopRequest callers while in flight
   WinHttpConnection* m_pConnection = nullptr;
   Event m_completed;
   Event m_closed;

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "http_transport/async_winhttp.h"
+#include "http_transport/winhttp_handles.h"
 #include "platform/diagnostic_log.h"
 #include "os/user_agent.h"
 #include "platform/platform.h"
@@ -278,6 +279,16 @@ int TetherdocServer::StopRequest() {
 size_t TetherdocServer::PendingRequests() {
   std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
   return m_requests.size();
+}
+
+std::vector<int32_t> TetherdocServer::PendingStatusCodes() {
+  std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
+  std::vector<int32_t> codes;
+  for (CAsyncWinHttp* request : m_requests) {
+    const WinHttpRequest* r = request->RequestObject();
+    codes.push_back(r ? r->StatusCode() : 0);
+  }
+  return codes;
 }
 
 // ---- slots of the frame --------------------------------------------------------

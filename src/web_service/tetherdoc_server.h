@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <json/json.h>
 
@@ -63,6 +64,8 @@ class TetherdocServer final : public ITetherdocServer {
   int RequestJson(Json::Value& reply, const std::u16string& url, const std::u16string& method,
                   const std::string& body);
   size_t PendingRequests();
+  // The HTTP status each request in flight has seen so far (0 before its headers).
+  std::vector<int32_t> PendingStatusCodes();
 
   // ---- ITetherdocServer ----
   int GetWebServiceUrl(const char* key, TDC_LPWSTR* url) override;

@@ -1,0 +1,392 @@
+// The whole road over real HTTP: platform -> client initialisation -> API directory
+// from tdoc-emulator -> a service call through the request frame -> result code, and
+// what the emulator received on the wire.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kit/emulator_client.h"
+#include "kit/testkit.h"
+#include "support/out_buffer.h"
+#include "support/utf.h"
+#include "tpcsdk/IPDFPlatform.h"
+#include "tpcsdk/ITetherdocServer.h"
+#include "web_service/tetherdoc_server.h"
+
+namespace {
+
+using tpcsdk::TetherdocServer;
+using tpcsdk::Utf16ToUtf8;
+using tpcsdk::Utf8ToUtf16;
+
+constexpr char kLanguage[] = "en-US";
+constexpr char kAppName[] = "My App Name";  // blanks on purpose
+constexpr char kAppVersion[] = "12.1";
+constexpr auto kBound = std::chrono::seconds(20);
+
+// Every test gets an empty application-data folder, so no directory comes from a
+// cache that an earlier test left.
+class Wire : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    appdata_ = std::make_unique<testkit::ScopedEnv>("TPCSDK_APPDATA_DIR", dir_.path().string());
+  }
+
+  std::unique_ptr<TetherdocServer> NewClient() {
+    return std::make_unique<TetherdocServer>(kLanguage, kAppName, kAppVersion);
+  }
+  // A client whose directory came from emu.
+  std::unique_ptr<TetherdocServer> ReadyClient(testkit::EmulatorClient* emu) {
+    auto client = NewClient();
+    EXPECT_EQ(client->InitApi(Utf8ToUtf16(emu->base_url()).c_str()), TDC_HRESULT_OK);
+    return client;
+  }
+  static std::u16string Url(testkit::EmulatorClient* emu, const std::string& target) {
+    return Utf8ToUtf16(emu->base_url() + target);
+  }
+
+  testkit::TempDir dir_;
+  std::unique_ptr<testkit::ScopedEnv> appdata_;
+};
+
+TEST_F(Wire, PlatformCreatesOneClientPerHostAndHandsBackTheDirectoryDomain) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  IPDFPlatform* platform = TDC_GetTDOCPlatform();
+  ASSERT_NE(platform, nullptr);
+  const std::u16string host = Utf8ToUtf16(emu->base_url());
+  const auto* whost = reinterpret_cast<TDC_LPCWSTR>(host.c_str());
+  TDC_CLIENT_INFO info{kLanguage, "", kAppName, kAppVersion};
+  Json::Value change;
+  change["set"]["tdc_domain"] = "{base}/service-domain";
+  ASSERT_TRUE(emu->SetDirectory(change));
+
+  TDC_LPWSTR domain = nullptr;
+  ASSERT_EQ(platform->InitApi(whost, &info, &domain), TDC_HRESULT_OK);
+  ASSERT_NE(domain, nullptr);
+  const std::u16string first = tpcsdk::WideArg(domain);
+  TDC_ReleaseLPWSTR(domain);
+  EXPECT_EQ(first, host + u"/service-domain");  // the directory's domain, not the host
+  ITetherdocServer* client = platform->GetServerByHost(whost);
+  ASSERT_NE(client, nullptr);
+  EXPECT_EQ(platform->GetServerByDomain(reinterpret_cast<TDC_LPCWSTR>(first.c_str())), client);
+  EXPECT_EQ(platform->GetServerByDomain(whost), nullptr);
+
+  // A second call for the host finds the client and ignores the record entirely.
+  TDC_CLIENT_INFO ignored{"", nullptr, "", ""};
+  domain = nullptr;
+  ASSERT_EQ(platform->InitApi(whost, &ignored, &domain), TDC_HRESULT_OK);
+  EXPECT_EQ(tpcsdk::WideArg(domain), first);
+  TDC_ReleaseLPWSTR(domain);
+  EXPECT_EQ(emu->RequestsTo("/2.0.0.0/My App Name/12.1/en-US/tdocApi.json").size(), 1u);
+
+  // Slot 0 fills the client identity, blanks and all.
+  TDC_LPWSTR url = nullptr;
+  ASSERT_EQ(client->GetWebServiceUrl("tdc_web_home", &url), TDC_HRESULT_OK);
+  EXPECT_EQ(Utf16ToUtf8(tpcsdk::WideArg(url)),
+            emu->base_url() + "/web/home?al=en-US&cv=2.0.0.0&an=My App Name&av=12.1");
+  TDC_ReleaseLPWSTR(url);
+  EXPECT_EQ(client->GetWebServiceUrl("no_such_key", &url), TDC_HRESULT_NO_URL);
+
+  // The same host in other letters is another host: a second client.
+  std::u16string upper = host;
+  for (char16_t& c : upper)
+    if (c >= u'a' && c <= u'z') c = static_cast<char16_t>(c - 32);
+  const auto* wupper = reinterpret_cast<TDC_LPCWSTR>(upper.c_str());
+  domain = nullptr;
+  ASSERT_EQ(platform->InitApi(wupper, &info, &domain), TDC_HRESULT_OK);
+  TDC_ReleaseLPWSTR(domain);
+  EXPECT_NE(platform->GetServerByHost(wupper), client);
+  platform->StopAllRequest();
+}
+
+TEST_F(Wire, DirectoryRequestCarriesIdentityAgentAndHeadersExactly) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  auto client = ReadyClient(emu);
+  const auto log = emu->Requests();
+  ASSERT_EQ(log.size(), 1u);
+  const testkit::LoggedRequest& r = log[0];
+  EXPECT_EQ(r.method, "GET");
+  EXPECT_EQ(r.path, "/2.0.0.0/My App Name/12.1/en-US/tdocApi.json");
+  EXPECT_EQ(r.target, "/2.0.0.0/My%20App%20Name/12.1/en-US/tdocApi.json");
+  EXPECT_EQ(r.Header("Content-type"), "application/json");
+  EXPECT_EQ(r.Header("X-tetherdoc-UA"), "al(en-US);cv(2.0.0.0);an(My App Name);av(12.1)");
+  EXPECT_EQ(r.Header("Accept-Language"), "en-US");
+  const std::string agent = r.Header("User-Agent");
+  EXPECT_EQ(agent.rfind("TDOC/2.0.0.0 ", 0), 0u) << agent;
+  const std::string tail = " My_App_Name/12.1 TPCSDK/12.1";
+  ASSERT_GT(agent.size(), tail.size());
+  EXPECT_EQ(agent.substr(agent.size() - tail.size()), tail) << agent;
+}
+
+struct DirectoryCase {
+  const char* name;
+  const char* change;  // JSON for SetDirectory; empty for none
+  int expected;
+  bool domainEmpty;
+};
+
+class DirectoryDocument : public Wire, public ::testing::WithParamInterface<DirectoryCase> {};
+
+TEST_P(DirectoryDocument, DecidesTheClientsResult) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  const DirectoryCase& c = GetParam();
+  Json::Value change;
+  ASSERT_TRUE(Json::Reader().parse(c.change, change));
+  if (change.isMember("duplicate")) {
+    // A size that counts the duplicated member twice.
+    Json::Value info;
+    ASSERT_TRUE(emu->Call("GET", "info", Json::Value(Json::objectValue), &info));
+    change["size"] = info["directory_keys"].size() + 1;
+  }
+  ASSERT_TRUE(emu->SetDirectory(change)) << emu->last_error();
+  auto client = NewClient();
+  EXPECT_EQ(client->InitApi(Utf8ToUtf16(emu->base_url()).c_str()), c.expected);
+  if (c.expected == TDC_HRESULT_OK) {
+    EXPECT_EQ(client->Domain().empty(), c.domainEmpty);
+  }
+  // Only a fully accepted directory reaches the cache: a new client asks again.
+  auto again = NewClient();
+  again->InitApi(Utf8ToUtf16(emu->base_url()).c_str());
+  EXPECT_EQ(emu->Requests().size(), c.expected == TDC_HRESULT_OK ? 1u : 2u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Failures, DirectoryDocument,
+    ::testing::Values(
+        DirectoryCase{"Forbidden", R"({"status":403})", TDC_HRESULT_FORBIDDEN, false},
+        DirectoryCase{"ServerError", R"({"status":500})", TDC_HRESULT_HTTP_ERROR, false},
+        DirectoryCase{"NotJson", R"({"whole":true,"body":"not json"})", TDC_HRESULT_SERVICE_ERROR,
+                      false},
+        DirectoryCase{"SizeTooBig", R"({"size":1000})", TDC_HRESULT_HTTP_ERROR, false},
+        DirectoryCase{"DuplicateCountedTwice", R"({"duplicate":["tdc_users"]})",
+                      TDC_HRESULT_HTTP_ERROR, false},
+        DirectoryCase{"TwsConfigEmpty", R"({"twsConfig":{}})", TDC_HRESULT_SERVICE_ERROR, false},
+        DirectoryCase{"TwsConfigMissing", R"({"omit":["twsConfig"]})", TDC_HRESULT_SERVICE_ERROR,
+                      false},
+        DirectoryCase{"UrlNotObjectSizeZero", R"({"url":"text","size":0})", TDC_HRESULT_OK, true},
+        DirectoryCase{"UrlNotObjectSizeThree", R"({"url":[1,2,3],"size":3})",
+                      TDC_HRESULT_HTTP_ERROR, false},
+        DirectoryCase{"EmptyUrlSizeZero", R"({"url":{},"size":0})", TDC_HRESULT_OK, true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(Wire, UnreachableOrUnusableHostsFailWithHttpError) {
+  auto client = NewClient();
+  EXPECT_EQ(client->InitApi(u"http://127.0.0.1:1"), TDC_HRESULT_HTTP_ERROR);  // refused
+  EXPECT_EQ(client->InitApi(u"not a url"), TDC_HRESULT_HTTP_ERROR);          // cannot start
+  EXPECT_EQ(client->InitApi(u""), TDC_HRESULT_FAILED);
+  EXPECT_EQ(client->InitApi(nullptr), TDC_HRESULT_BAD_ARGUMENT);
+}
+
+struct ReplyCase {
+  const char* name;
+  int status;
+  const char* body;
+  int expected;
+};
+
+class ReplyMapping : public Wire, public ::testing::WithParamInterface<ReplyCase> {};
+
+TEST_P(ReplyMapping, StatusAndEnvelopeGiveOneResult) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  auto client = ReadyClient(emu);
+  const ReplyCase& c = GetParam();
+  Json::Value rule;
+  rule["method"] = "POST";
+  rule["path"] = "/tdocapi/v1/documents";
+  rule["status"] = c.status;
+  rule["body"] = c.body;
+  rule["times"] = 1;
+  ASSERT_NE(emu->Script(rule), 0u) << emu->last_error();
+  Json::Value reply;
+  EXPECT_EQ(client->RequestJson(reply, client->GetApiUrl(u"url", u"tdc_documents"), u"POST",
+                                "{\"a\":1}\n"),
+            c.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, ReplyMapping,
+    ::testing::Values(ReplyCase{"Ok", 200, R"({"ret":0,"data":[]})", TDC_HRESULT_OK},
+                      ReplyCase{"EmptyObject", 200, "{}", TDC_HRESULT_OK},
+                      ReplyCase{"Array", 200, "[]", TDC_HRESULT_SERVICE_ERROR},
+                      ReplyCase{"NotJson", 200, "<html>", TDC_HRESULT_SERVICE_ERROR},
+                      ReplyCase{"RetNonZero", 200, R"({"ret":5})", TDC_HRESULT_SERVICE_ERROR},
+                      ReplyCase{"RetAsText", 200, R"({"ret":"x"})", TDC_HRESULT_SERVICE_ERROR},
+                      ReplyCase{"TokenExpired", 200, R"({"ret":210007})", TDC_HRESULT_RET_210007},
+                      ReplyCase{"Created", 201, R"({"ret":0})", TDC_HRESULT_HTTP_ERROR},
+                      ReplyCase{"Forbidden", 403, R"({"ret":0})", TDC_HRESULT_FORBIDDEN},
+                      ReplyCase{"NotFound", 404, R"({"ret":0})", TDC_HRESULT_HTTP_ERROR},
+                      ReplyCase{"ServerError", 500, R"({"ret":0})", TDC_HRESULT_HTTP_ERROR}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(Wire, BodyInChunksArrivesWholeAndAZeroByteCutsTheText) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  auto client = ReadyClient(emu);
+  const std::u16string url = client->GetApiUrl(u"url", u"tdc_server_option_config");
+  const std::string path = "/tdocapi/v1/server/option-config";
+  Json::Value body;
+  body["ret"] = 0;
+  body["data"]["text"] = std::string(3000, 'x') + "END";
+  Json::Value rule;
+  rule["method"] = "GET";
+  rule["path"] = path;
+  rule["status"] = 200;
+  rule["body"] = Json::FastWriter().write(body);
+  rule["times"] = 2;
+  ASSERT_NE(emu->Script(rule), 0u);
+  Json::Value chunks;
+  chunks["count"] = 3;
+  ASSERT_NE(emu->FaultOnce("GET", path, "chunks", chunks), 0u) << emu->last_error();
+  Json::Value reply;
+  ASSERT_EQ(client->RequestJson(reply, url, u"GET", ""), TDC_HRESULT_OK);
+  EXPECT_EQ(reply["data"]["text"].asString(), body["data"]["text"].asString());
+
+  // A zero byte inside the JSON leaves an unfinished text: not an object.
+  Json::Value zero;
+  zero["at"] = 10;
+  ASSERT_NE(emu->FaultOnce("GET", path, "zero_byte", zero), 0u);
+  EXPECT_EQ(client->RequestJson(reply, url, u"GET", ""), TDC_HRESULT_SERVICE_ERROR);
+}
+
+TEST_F(Wire, ResetBeforeHeadersGivesHttpErrorAndLongComponentsCannotStart) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  auto client = ReadyClient(emu);
+  const std::string path = "/tdocapi/v1/server/time";
+  // A client may send once more on a fresh connection when a kept-alive one is reset
+  // before any reply; the second reset ends the call.
+  Json::Value reset;
+  reset["method"] = "GET";
+  reset["path"] = path;
+  reset["kind"] = "reset_before_headers";
+  reset["times"] = 2;
+  ASSERT_NE(emu->Fault(reset), 0u);
+  Json::Value reply;
+  EXPECT_EQ(client->RequestJson(reply, Url(emu, path), u"GET", ""), TDC_HRESULT_HTTP_ERROR);
+
+  const size_t before = emu->Requests().size();
+  EXPECT_EQ(client->RequestJson(reply, Url(emu, path + "?q=" + std::string(1100, 'a')), u"GET", ""),
+            TDC_HRESULT_FAILED);
+  EXPECT_EQ(client->RequestJson(reply, Url(emu, "/" + std::string(1100, 'p')), u"GET", ""),
+            TDC_HRESULT_FAILED);
+  EXPECT_EQ(emu->Requests().size(), before);
+  EXPECT_EQ(client->PendingRequests(), 0u);
+}
+
+TEST_F(Wire, TicketPathKeepsItsEscapesWhileOtherQueriesAreDecoded) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  auto client = ReadyClient(emu);
+  Json::Value reply;
+  const std::string ticket = "/tdocapi/v1/users/get-cas-ticket?email=a%2Bb%40c.d&s=x%26y";
+  ASSERT_EQ(client->RequestJson(reply, Url(emu, ticket), u"GET", ""), TDC_HRESULT_OK);
+  const std::string other = "/tdocapi/v1/users?email=a%2Bb%40c.d";
+  ASSERT_EQ(client->RequestJson(reply, Url(emu, other), u"GET", ""), TDC_HRESULT_OK);
+  const auto log = emu->Requests();
+  ASSERT_EQ(log.size(), 3u);
+  EXPECT_EQ(log[1].target, ticket);
+  EXPECT_EQ(log[2].target, "/tdocapi/v1/users?email=a+b@c.d");
+}
+
+TEST_F(Wire, ServiceCertificatesAreAcceptedExpiredOrForAnotherName) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  for (const char* kind : {"expired", "wrong_name"}) {
+    const std::string base = emu->OpenTlsListener(kind);
+    ASSERT_FALSE(base.empty()) << emu->last_error();
+    auto client = NewClient();
+    EXPECT_EQ(client->InitApi(Utf8ToUtf16(base).c_str()), TDC_HRESULT_OK) << kind;
+    const auto log = emu->Requests();
+    ASSERT_FALSE(log.empty());
+    EXPECT_TRUE(log.back().tls) << kind;
+    // Both listeners share the host name, and so the cache entry: start afresh.
+    std::filesystem::remove_all(dir_.path());
+    std::filesystem::create_directory(dir_.path());
+  }
+}
+
+struct StallCase {
+  const char* name;
+  const char* fault;
+  const char* extra;
+  int expected;
+};
+
+class StalledRequest : public Wire, public ::testing::WithParamInterface<StallCase> {};
+
+// An exchange that never completes holds its caller until StopRequest frees it; the
+// caller then sees the status that had arrived, with the raw headers as its text.
+TEST_P(StalledRequest, IsFreedByStopRequest) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  auto client = ReadyClient(emu);
+  const StallCase& c = GetParam();
+  const std::string path = "/tdocapi/v1/server/time";
+  Json::Value extra;
+  ASSERT_TRUE(Json::Reader().parse(c.extra, extra));
+  ASSERT_NE(emu->FaultOnce("GET", path, c.fault, extra), 0u) << emu->last_error();
+
+  auto call = std::async(std::launch::async, [&] {
+    Json::Value reply;
+    return client->RequestJson(reply, Url(emu, path), u"GET", "");
+  });
+  ASSERT_TRUE(emu->WaitForRequests(1, 10000, path));
+  const bool headersExpected = c.expected != TDC_HRESULT_HTTP_ERROR || extra.isMember("status");
+  if (headersExpected) {
+    ASSERT_TRUE(testkit::WaitUntil(
+        [&] {
+          auto codes = client->PendingStatusCodes();
+          return codes.size() == 1 && codes[0] != 0;
+        },
+        kBound));
+  } else {
+    ASSERT_TRUE(emu->WaitForStalls(1, 10000));
+  }
+  EXPECT_EQ(call.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+  EXPECT_EQ(client->StopRequest(), 1);
+  ASSERT_EQ(call.wait_for(kBound), std::future_status::ready);
+  EXPECT_EQ(call.get(), c.expected);
+  emu->Release();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Stalls, StalledRequest,
+    ::testing::Values(StallCase{"EmptyBody200", "empty_body", R"({"status":200})",
+                                TDC_HRESULT_SERVICE_ERROR},
+                      StallCase{"EmptyBody204", "empty_body", R"({"status":204})",
+                                TDC_HRESULT_HTTP_ERROR},
+                      StallCase{"BeforeHeaders", "stall_before_headers", "{}",
+                                TDC_HRESULT_HTTP_ERROR}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(Wire, StopRequestFromAnotherThreadFreesAHundredStalledCalls) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  auto client = ReadyClient(emu);
+  const std::string path = "/tdocapi/v1/messages/polling";
+  Json::Value rule;
+  rule["method"] = "POST";
+  rule["path"] = path;
+  rule["kind"] = "stall_before_headers";
+  rule["times"] = -1;
+  ASSERT_NE(emu->Fault(rule), 0u) << emu->last_error();
+
+  constexpr int kCalls = 100;
+  std::vector<std::future<int>> calls;
+  for (int i = 0; i < kCalls; ++i) {
+    calls.push_back(std::async(std::launch::async, [&] {
+      Json::Value reply;
+      return client->RequestJson(reply, Url(emu, path), u"POST", "{}\n");
+    }));
+  }
+  ASSERT_TRUE(emu->WaitForStalls(kCalls, 60000));
+  std::thread stopper([&] { client->StopRequest(); });
+  stopper.join();
+  for (auto& call : calls) {
+    ASSERT_EQ(call.wait_for(kBound), std::future_status::ready);
+    EXPECT_EQ(call.get(), TDC_HRESULT_HTTP_ERROR);
+  }
+  EXPECT_EQ(client->PendingRequests(), 0u);
+  emu->Release();
+}
+
+}  // namespace
