@@ -2,6 +2,7 @@
 
 #include "os/dns.h"
 #include "os/identity.h"
+#include "os/registry.h"
 #include "platform/diagnostic_log.h"
 #include "platform/product_identity.h"
 #include "support/utf.h"
@@ -12,6 +13,8 @@ namespace {
 constexpr std::uint32_t kCloudJoinMajorVersion = 10;
 
 std::string U8(const std::u16string& s) { return Utf16ToUtf8(s); }
+
+char16_t LowerAscii(char16_t c) { return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c + 32) : c; }
 
 // The part of the user name after its first "@", or the whole name without one.
 std::u16string DomainOf(const std::u16string& user_name) {
@@ -170,6 +173,26 @@ std::u16string LookupUpdateHostFromDns(DiagnosticLog* log, DnsHostRecord memo) {
     QueryRecord(log, UpdateRecordName(user_name), kUpdateWords, true, memo.host);
   memo.done = true;
   return memo.host;
+}
+
+bool EqualsIgnoringAsciiCase(std::u16string_view a, std::u16string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i)
+    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
+  return true;
+}
+
+int IsFindHostDisabled(const std::u16string& application, const std::u16string& version) {
+  const ProductKind kind =
+      application.find(u"BrindlePDF") != std::u16string::npos ? ProductKind::Editor : ProductKind::Reader;
+  const std::u16string path =
+      u"SOFTWARE\\Tarvo Software\\" + ProductKey(ProductName(kind), version) + u"\\Tetherdoc\\";
+  os::RegKey key = os::OpenRegKey(os::RegRoot::kCurrentUser, path);
+  if (!key) return 0;
+  std::u16string value;
+  const bool read = os::QueryRegString(key, u"DisableFindHost", value);
+  os::CloseRegKey(key);
+  return read && EqualsIgnoringAsciiCase(value, u"True") ? 1 : 0;
 }
 
 }  // namespace tpcsdk

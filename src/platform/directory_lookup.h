@@ -8,6 +8,7 @@
 // an error: each failure ends in an empty host or 0, and its words go to the log.
 #pragma once
 #include <string>
+#include <string_view>
 
 namespace tpcsdk {
 
@@ -44,5 +45,13 @@ std::u16string LookupHostFromDns(DiagnosticLog* log, const std::u16string& domai
 // The update host. Unlike the service host, the record's name never takes the
 // domain suffix, and a first record that isn't TXT is reported as invalid.
 std::u16string LookupUpdateHostFromDns(DiagnosticLog* log, DnsHostRecord memo);
+
+// Equal texts when the letters A-Z are taken without regard to case.
+bool EqualsIgnoringAsciiCase(std::u16string_view a, std::u16string_view b);
+
+// 1 when the current user's DisableFindHost switch reads "True" in any case, else 0.
+// It stands under SOFTWARE, Tarvo Software, "<product> <major>.0", Tetherdoc; the
+// product is the Editor only when `application` holds "BrindlePDF".
+int IsFindHostDisabled(const std::u16string& application, const std::u16string& version);
 
 }  // namespace tpcsdk

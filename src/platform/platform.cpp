@@ -4,6 +4,7 @@
 
 #include "os/module.h"
 #include "platform/diagnostic_log.h"
+#include "profstore/profstore_ex.h"
 #include "support/guard.h"
 #include "support/out_buffer.h"
 #include "support/utf.h"
@@ -75,6 +76,7 @@ TDOCPlatform::~TDOCPlatform() {
   m_clients.clear();
   if (m_pProfstore) {
     // The process-wide preference store is released with the platform.
+    ReleaseProfStoreEx();
     m_pProfstore = nullptr;
   }
   if (m_pLog) {
@@ -165,21 +167,6 @@ ITetherdocServer* TDOCPlatform::GetServerByDomain(TDC_LPCWSTR domain) {
 ITetherdocServer* TDOCPlatform::GetServerByHost(TDC_LPCWSTR host) {
   if (!host) return nullptr;
   return Guarded<ITetherdocServer*>(nullptr, [&] { return FindByHost(WideArg(host)); });
-}
-
-// Host discovery (slots 5 to 10) answers "nothing found" until its sources are wired.
-int TDOCPlatform::GetRecordHostFromGPO(TDC_LPWSTR*, TDC_LPCWSTR, TDC_LPCWSTR, TDC_LPCWSTR) {
-  return TDC_HRESULT_FAILED;
-}
-int TDOCPlatform::GetRecordUpdateHostFromGPO(TDC_LPWSTR*, TDC_LPCWSTR, TDC_LPCWSTR) {
-  return TDC_HRESULT_FAILED;
-}
-int TDOCPlatform::GetRecordHostFromLastDefaultLogined(TDC_LPWSTR*, TDC_LPCWSTR, TDC_LPCWSTR,
-                                                      TDC_LPCWSTR) {
-  return TDC_HRESULT_FAILED;
-}
-int TDOCPlatform::IsEnterpriseEnv(TDC_LPCWSTR, TDC_LPCWSTR, TDC_LPCWSTR) {
-  return TDC_HRESULT_FAILED;
 }
 
 void TDOCPlatform::StopAllRequest() {

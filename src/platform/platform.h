@@ -68,8 +68,8 @@ class TDOCPlatform final : public IPDFPlatform {
                               const std::u16string& version);
   int RecordHostFromLastDefaultLogined(TDC_LPWSTR* host, const std::u16string& app,
                                        const std::u16string& version, const std::u16string& user);
-  int EnterpriseEnv(const std::u16string& app, const std::u16string& version, TDC_LPCWSTR user);
-  IProfstore* PreferenceStore(bool editor, const std::u16string& version);
+  int EnterpriseEnv(TDC_LPCWSTR app, TDC_LPCWSTR version, TDC_LPCWSTR user);
+  IProfstore* PreferenceStore(bool editor, const std::u16string& path, const std::u16string& version);
 
   std::vector<TetherdocServer*> m_clients;
   std::u16string m_wsCurrentDomain;
