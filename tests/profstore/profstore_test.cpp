@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "os/paths.h"
-#include "profstore/prof_text.h"
 #include "profstore/profstore_ex.h"
 #include "profstore/registry_fixture.h"
 #include "support/utf.h"
@@ -17,7 +16,6 @@ namespace {
 namespace os = tpcsdk::os;
 using os::RegRoot;
 using tpcsdk::CProfstoreEx;
-using tpcsdk::CReader_ProfStoreManagerEx;
 
 constexpr RegRoot kMachine = RegRoot::kLocalMachine;
 constexpr RegRoot kUser = RegRoot::kCurrentUser;
@@ -372,22 +370,6 @@ TEST_F(Store, GetterKeepsTheFirstObjectUntilReleased) {
   // Destroy without bit 0 ends the object and leaves its memory to the owner.
   alignas(CProfstoreEx) unsigned char storage[sizeof(CProfstoreEx)];
   (new (storage) CProfstoreEx())->Destroy(0);
-}
-
-// ---- The manager's text helpers. ----
-
-TEST(ProfstoreText, IntegerListsAndMerge) {
-  const std::pair<std::u16string, int32_t> ints[] = {
-      {u"", 0}, {u"12abc", 12}, {u"-5", -5}, {u"+7", 7}, {u"abc", 0}, {u" 3", 0}, {u"4294967297", 1}};
-  for (const auto& [text, value] : ints) EXPECT_EQ(tpcsdk::TextToInt(text), value);
-
-  using List = std::vector<std::u16string>;
-  EXPECT_EQ(CReader_ProfStoreManagerEx::SplitList(u"  "), List{});
-  EXPECT_EQ(CReader_ProfStoreManagerEx::SplitList(u" one item "), List{u"one item"});
-  EXPECT_EQ(CReader_ProfStoreManagerEx::SplitList(u";a; b ;;c;"), (List{u"a", u"b", u"c"}));
-  List target{u"A", u"b"};
-  CReader_ProfStoreManagerEx::MergeList(target, {u"a", u"C", u"c", u"B"});
-  EXPECT_EQ(target, (List{u"A", u"b", u"C", u"c"}));
 }
 
 }  // namespace

@@ -84,16 +84,12 @@ INSTANTIATE_TEST_SUITE_P(
         LookupCase{"list in Modules", u"Modules", u"Default", "ModuleArray", true,
                    u"Core; Forms ;;Sign"},
         LookupCase{"missing section", u"Plugins", u"Plugin", "UnloadPluginArray", false, u""},
-        LookupCase{"missing item", u"Preferences", u"Nothing", "String", false, u""},
         LookupCase{"empty section path", u"", u"TDOCServer", "String", false, u""},
-        LookupCase{"empty item", u"Preferences", u"", "String", false, u""},
         LookupCase{"empty section before the backslash", u"\\Sub", u"Inner", "String", false, u""},
         LookupCase{"group answers with its own attribute", u"Preferences\\Sub", u"Inner", "Title",
                    true, u"group's own"},
         LookupCase{"group searched for the item", u"Preferences\\Bare", u"Inner", "String", true,
                    u"bare in"},
-        LookupCase{"group named with other case", u"Preferences\\sub", u"Inner", "String", true,
-                   u"in"},
         LookupCase{"missing group", u"Preferences\\None", u"Inner", "String", false, u""}));
 
 TEST(XmlProfStore, FirstMatchWithEmptyValueEndsTheOnlyBranch) {
@@ -133,16 +129,6 @@ INSTANTIATE_TEST_SUITE_P(
         DocCase{"Profstore one level too deep",
                 std::string("<r><x><Profstore>") + kBody + "</Profstore></x></r>", false},
         DocCase{"not a document", std::string("Profstore") + kBody, false},
-        DocCase{"empty", "", false},
         DocCase{"16-bit document", std::string("\xFF\xFE<\0r\0>\0", 8), false}));
-
-TEST(XmlProfStore, ReloadingReplacesTheDocument) {
-  CXMLProfStoreEx store;
-  const std::string first = std::string("<r><Profstore>") + kBody + "</Profstore></r>";
-  ASSERT_TRUE(store.LoadBuffer(first.data(), first.size()));
-  EXPECT_FALSE(store.LoadBuffer("junk", 4));
-  std::u16string out;
-  EXPECT_FALSE(store.Lookup(u"Preferences", u"A", out, "Mode"));
-}
 
 }  // namespace

@@ -75,18 +75,14 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         // The document test and what stands before the first tag.
         TreeCase{"empty", "", "(null)"},
-        TreeCase{"blanks only", " \r\n\t", "(null)"},
         TreeCase{"leading white space", " \n\t<a/>", "a"},
         TreeCase{"text before the first tag", "junk<a/>", "(null)"},
         TreeCase{"UTF-8 byte-order mark", "\xEF\xBB\xBF<a/>", "a"},
-        TreeCase{"cut byte-order mark", "\xEF\xBB<a/>", "(null)"},
         TreeCase{"16-bit mark before a byte document", "\xFF\xFE<a/>", "a"},
-        TreeCase{"16-bit mark, big-endian", "\xFE\xFF<a/>", "a"},
         TreeCase{"little-endian 16-bit document", std::string("\xFF\xFE<\0a\0/\0>\0", 10), "(null)"},
         TreeCase{"big-endian 16-bit document", std::string("\xFE\xFF\0<\0a\0/\0>", 10), "(null)"},
         TreeCase{"first tag is an end tag", "</a><b/>", "(null)"},
         TreeCase{"declaration and comment first", "<?xml version=\"1.0\"?><!-- c --><a/>", "a"},
-        TreeCase{"only a declaration", "<?xml version=\"1.0\"?>", "(null)"},
         // Tags and names.
         TreeCase{"end tag not compared", "<a></b>", "a"},
         TreeCase{"name spaces, last colon wins", "<x:y:a p:b=\"1\" c='2'/>", "x:y:a[p:b=1,c=2]"},
@@ -104,7 +100,6 @@ INSTANTIATE_TEST_SUITE_P(
         TreeCase{"entities in a value", "<a b=\"&lt;&#x20AC;&quot;\"/>", "a[b=<\xE2\x82\xAC\"]"},
         TreeCase{"entity without ; swallows the rest", "<a b=\"&lt\" c=\"x\"/>", "a[b=\\0]"},
         TreeCase{"value not closed", "<a b=\"x", "a[b=x]"},
-        TreeCase{"other quote inside", "<a b=\"it's\" c='say \"hi\"'/>", "a[b=it's,c=say \"hi\"]"},
         // Entities in text.
         TreeCase{"named entities", "<a>&lt;&gt;&amp;&apos;&quot;</a>", "a{\"<>&'\"\"}"},
         TreeCase{"unknown entity is 0", "<a>x&unknown;y</a>", "a{\"x\\0y\"}"},
@@ -128,15 +123,13 @@ INSTANTIATE_TEST_SUITE_P(
         TreeCase{"spaces saved", "<a>  x  <b/> </a>", "a{\"  x  \",b,\" \"}", true},
         TreeCase{"comment joins text", "<a>x<!-- <b/> -->z</a>", "a{\"xz\"}"},
         TreeCase{"PI skips following blanks", "<a>x<?pi ?>  w</a>", "a{\"xw\"}"},
-        TreeCase{"declaration inside skipped to >", "<a>x<!DOCTYPE y>z</a>", "a{\"xz\"}"},
         TreeCase{"CDATA", "<a>t <![CDATA[ <x> &amp; ]]> u</a>", "a{\"t\",C\" <x> &amp; \",\" u\"}"},
         TreeCase{"CDATA keyword not checked", "<a><![ABCDEFxyz]]></a>", "a{C\"xyz\"}"},
         TreeCase{"CDATA shorter than its keyword", "<a><![CD]]>x</a>", "a{\"x\"}"},
         TreeCase{"CDATA not closed", "<a><![CDATA[xy", "a{C\"xy\"}"},
         TreeCase{"data ends in text", "<a>text", "a{\"text\"}"},
         TreeCase{"data ends after <", "<a>text<", "a{\"text\"}"},
-        TreeCase{"data ends in a start tag", "<a><b c=\"1\"", "a{b[c=1]}"},
-        TreeCase{"data ends in a comment", "<a>x<!-- y", "a{\"x\"}"}));
+        TreeCase{"data ends in a start tag", "<a><b c=\"1\"", "a{b[c=1]}"}));
 
 // Depth: nested elements named e, each level counted down to the deepest.
 int DepthOf(const XmlElement* e, const XmlElement** deepest) {
