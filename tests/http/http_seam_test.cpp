@@ -6,8 +6,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "http/raw_server.h"
@@ -50,8 +52,11 @@ class Exchange {
   explicit Exchange(uint16_t port, const std::u16string& verb = u"GET",
                     const std::u16string& object = u"/p", uint32_t flags = 0,
                     const std::u16string& host = u"127.0.0.1",
-                    uint32_t access = kHttpAccessTypeNoProxy, const std::u16string& proxy = u"") {
-    session_ = HttpOpen(u"seam-test/1.0", access, proxy, u"", kHttpFlagAsync);
+                    uint32_t access = kHttpAccessTypeNoProxy, const std::u16string& proxy = u"",
+                    HttpHandle shared_session = nullptr)
+      : own_session_(shared_session == nullptr) {
+    session_ = own_session_ ? HttpOpen(u"seam-test/1.0", access, proxy, u"", kHttpFlagAsync)
+                            : shared_session;
     connect_ = session_ ? HttpConnect(session_, host, port) : nullptr;
     request_ = connect_ ? HttpOpenRequest(connect_, verb, object, flags) : nullptr;
     if (request_) HttpSetStatusCallback(request_, &Exchange::Callback, kHttpAllNotifications);
@@ -60,7 +65,7 @@ class Exchange {
     CloseRequest();
     closing_.WaitFor(kBound);
     if (connect_) HttpCloseHandle(connect_);
-    if (session_) HttpCloseHandle(session_);
+    if (session_ && own_session_) HttpCloseHandle(session_);
   }
   bool ok() const { return request_ != nullptr; }
   HttpHandle request() const { return request_; }
@@ -178,6 +183,7 @@ class Exchange {
     }
   }
 
+  const bool own_session_;
   HttpHandle session_ = nullptr, connect_ = nullptr, request_ = nullptr;
   std::mutex mu_;
   std::vector<Event> events_;
@@ -211,6 +217,14 @@ std::string HeaderLine(const std::string& head, const std::string& name) {
   const size_t at = head.find("\r\n" + name + ": ");
   if (at == std::string::npos) return std::string();
   return head.substr(at + 2, head.find("\r\n", at + 2) - at - 2);
+}
+
+// Holds a connection open until the peer closes it (true) or the test releases it.
+bool HoldUntilClosedOrReleased(Connection& c, testkit::Signal& release) {
+  for (int i = 0; i < 1000 && !release.WaitFor(10ms); ++i) {
+    if (c.PeerClosedWithin(0)) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -296,14 +310,9 @@ TEST(HttpSeam, CloseMidBodyCancelsAndStillDeliversClosing) {
     Received r;
     if (!c.Read(&r)) return;
     c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc");
-    // Wait for the client to go away; the test's release ends the wait for a client
-    // that keeps its connection until the server ends it.
-    for (int i = 0; i < 1000 && !release.WaitFor(10ms); ++i) {
-      if (c.PeerClosedWithin(0)) {
-        peer_closed_first = true;
-        return;
-      }
-    }
+    // The release ends the wait for a client that keeps its connection until the
+    // server ends it (wine's WinHTTP does).
+    peer_closed_first = HoldUntilClosedOrReleased(c, release);
   });
   Exchange x(s.port());
   x.HoldAfterReads(1);  // then a query stays pending: nothing more arrives
@@ -330,6 +339,44 @@ TEST(HttpSeam, CloseMidBodyCancelsAndStillDeliversClosing) {
   EXPECT_EQ(ev[4].call, kHttpApiQueryDataAvailable);
   EXPECT_EQ(ev[4].error, kHttpErrorOperationCancelled);
 #endif
+}
+
+// Requests stalled in mid-body on one session, closed together from another thread:
+// each is cancelled and gets its one closing.
+TEST(HttpSeam, ManyStalledRequestsCloseTogether) {
+  constexpr int kCount = 100;
+  testkit::Signal release;
+  RawServer s([&](Connection& c) {
+    Received r;
+    if (!c.Read(&r)) return;
+    c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc");
+    HoldUntilClosedOrReleased(c, release);
+  });
+  HttpHandle session = HttpOpen(u"t", kHttpAccessTypeNoProxy, u"", u"", kHttpFlagAsync);
+  ASSERT_NE(session, nullptr);
+  std::vector<std::unique_ptr<Exchange>> xs;
+  for (int i = 0; i < kCount; ++i) {
+    xs.push_back(std::make_unique<Exchange>(s.port(), u"GET", u"/p", 0, u"127.0.0.1",
+                                            kHttpAccessTypeNoProxy, u"", session));
+    xs.back()->HoldAfterReads(1);
+    ASSERT_TRUE(xs.back()->Send());
+  }
+  for (auto& x : xs) ASSERT_TRUE(x->WaitReads(1));
+  std::thread closer([&] {
+    for (auto& x : xs) x->CloseRequest();
+  });
+  closer.join();
+#ifndef _WIN32
+  for (auto& x : xs) ASSERT_TRUE(x->WaitClosing());
+#endif
+  release.Set();
+  for (auto& x : xs) {
+    ASSERT_TRUE(x->WaitClosing());
+    x->ExpectClosedCleanly();
+    EXPECT_EQ(x->body, "abc");
+  }
+  xs.clear();
+  EXPECT_TRUE(HttpCloseHandle(session));
 }
 
 struct FailureCase {
