@@ -40,7 +40,9 @@
 //   - TLS 1.0 to 1.2 only (kHttpOptionSecureProtocols, default 0xA80), subject to the
 //     system's TLS library policy. Certificate checks follow kHttpOptionSecurityFlags:
 //     IGNORE_UNKNOWN_CA turns peer verification off (date included), IGNORE_CERT_CN_INVALID
-//     turns the name check off. HTTP/1.1 only. Cookies are kept per session.
+//     turns the name check off; a refused certificate gives SECURE_FAILURE (a uint32_t
+//     of WinHTTP's certificate flags) before the REQUEST_ERROR 12175. HTTP/1.1 only.
+//     Cookies are kept per session.
 //   - The proxy is fixed when the session opens: HttpGetUserProxyConfig() reads
 //     https_proxy / http_proxy / no_proxy once, in WinHTTP's proxy-list form, and
 //     kHttpAccessTypeNamedProxy uses it; the default access type means no proxy. The

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "http/raw_server.h"
+#include "kit/emulator_client.h"
 #include "kit/testkit.h"
 #include "os/http.h"
 #include "support/utf.h"
@@ -42,7 +43,7 @@ bool IsMain(uint32_t s) {
 }
 
 bool IsInformational(uint32_t s) {
-  return s != 0 && (s & ~0xC7FFu) == 0 && s != kHttpStatusHandleClosing;
+  return s != 0 && (s & ~0x1C7FFu) == 0 && s != kHttpStatusHandleClosing;
 }
 
 // One request run the way the transport runs it: receive on send complete, query on
@@ -639,3 +640,61 @@ TEST(HttpSeam, EveryHandleClosesOnceAndParentsLast) {
   EXPECT_EQ(log.closings[0].second, 0u);
   g_closing_log = nullptr;
 }
+
+struct TlsCase {
+  const char* kind;  // the emulator's listener
+  bool lenient;      // the transport's security flags set
+};
+
+class HttpSeamTls : public ::testing::TestWithParam<TlsCase> {};
+
+// With the three leniency flags every kind of bad certificate is accepted; without
+// them each is refused with one SECURE_FAILURE and one REQUEST_ERROR.
+TEST_P(HttpSeamTls, CertificatesFollowTheSecurityFlags) {
+  if (!GetParam().lenient && httptest::UnderWine()) {
+    GTEST_SKIP() << "wine's WinHTTP accepts these certificates without the flags";
+  }
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  const std::string base = emu->OpenTlsListener(GetParam().kind);
+  ASSERT_FALSE(base.empty()) << emu->last_error();
+  HttpUrlParts parts;
+  ASSERT_TRUE(HttpCrackUrl(tpcsdk::Utf8ToUtf16(base + "/tls/probe?x=1"), true, &parts));
+  ASSERT_EQ(parts.scheme, kHttpSchemeHttps);
+  Exchange x(parts.port, u"GET", parts.path + parts.extra, kHttpFlagSecure, parts.host);
+  ASSERT_TRUE(x.ok());
+  if (GetParam().lenient) {
+    uint32_t flags = 0, size = sizeof(flags);
+    ASSERT_TRUE(HttpQueryOption(x.request(), kHttpOptionSecurityFlags, &flags, &size));
+    flags |= kHttpSecurityFlagIgnoreUnknownCa | kHttpSecurityFlagIgnoreCertCnInvalid |
+             kHttpSecurityFlagIgnoreCertDateInvalid;
+    ASSERT_TRUE(HttpSetOption(x.request(), kHttpOptionSecurityFlags, &flags, sizeof(flags)));
+  }
+  ASSERT_TRUE(x.Send());
+  ASSERT_TRUE(x.WaitEnded());
+  x.CloseRequest();
+  ASSERT_TRUE(x.WaitClosing());
+  x.ExpectClosedCleanly();
+  const std::vector<uint32_t> all = x.Statuses();
+  const auto secure_failures = std::count(all.begin(), all.end(), kHttpStatusSecureFailure);
+  if (GetParam().lenient) {
+    EXPECT_EQ(x.status_code, 200u);
+    EXPECT_EQ(secure_failures, 0);
+    EXPECT_TRUE(emu->WaitForRequests(1, 10000, "/tls/probe", "GET"));
+  } else {
+    const std::vector<Event> ev = x.Main();
+    ASSERT_EQ(ev.size(), 2u);
+    EXPECT_EQ(ev[0].status, kHttpStatusRequestError);
+    EXPECT_EQ(ev[0].call, kHttpApiSendRequest);
+    EXPECT_EQ(ev[0].error, kHttpErrorSecureFailure);
+    EXPECT_EQ(secure_failures, 1);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Certificates, HttpSeamTls,
+    ::testing::Values(TlsCase{"valid", true}, TlsCase{"expired", true},
+                      TlsCase{"wrong_name", true}, TlsCase{"valid", false},
+                      TlsCase{"expired", false}, TlsCase{"wrong_name", false}),
+    [](const auto& info) {
+      return std::string(info.param.kind) + (info.param.lenient ? "Lenient" : "Checked");
+    });

@@ -434,6 +434,7 @@ void Deliver(Note& n) {
   void* info = n.info;
   switch (n.status) {
     case kHttpStatusDataAvailable:
+    case kHttpStatusSecureFailure:
     case kHttpStatusRequestSent:
     case kHttpStatusResponseReceived:
       info = &n.number;
@@ -828,10 +829,32 @@ void FollowRedirect(Request& r) {
   }
 }
 
+// WINHTTP_CALLBACK_STATUS_FLAG_* for a certificate that failed verification.
+uint32_t CertificateFailureFlags(CURL* easy, CURLcode code) {
+  if (code != CURLE_PEER_FAILED_VERIFICATION) return 0x80000000;  // security channel error
+  long verify = 0;
+  curl_easy_getinfo(easy, CURLINFO_SSL_VERIFYRESULT, &verify);
+  switch (verify) {
+    case 0: return 0x10;  // the chain was fine, so the name did not match
+    case 9:               // not yet valid
+    case 10: return 0x20;  // expired
+    case 2:
+    case 18:
+    case 19:
+    case 20:
+    case 21: return 0x08;  // no trusted issuer
+    case 23: return 0x04;  // revoked
+    default: return 0x02;
+  }
+}
+
 void OnTransferDone(Request& r, CURLcode code) {
   if (code == CURLE_OK && r.redirect_pending) {
     FollowRedirect(r);
     return;
+  }
+  if (MapCurlError(code) == kHttpErrorSecureFailure) {
+    NotifyNumber(r, kHttpStatusSecureFailure, CertificateFailureFlags(r.easy, code));
   }
   EndTransfer(r);
   r.done = true;
