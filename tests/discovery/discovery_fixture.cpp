@@ -52,6 +52,7 @@ bool FakeDirectory::QueryOsMajorVersion(std::uint32_t& major) {
 os::CloudJoinInfo FakeDirectory::QueryCloudJoin() { return cloud; }
 
 long FakeDirectory::QueryTxt(const std::u16string& name, os::DnsTxtAnswer& answer) {
+  if (on_query) on_query();
   std::lock_guard<std::mutex> hold(lock_);
   queries_.push_back(name);
   const auto it = records_.find(name);
@@ -132,7 +133,7 @@ bool DiscoveryTest::Logged(const std::string& message) const {
   return false;
 }
 
-DiscoveryTest::Found DiscoveryTest::Take(int result, TDC_LPWSTR block) {
+Found DiscoveryTest::Take(int result, TDC_LPWSTR block) {
   Found found{result, std::nullopt};
   if (block) {
     found.host = WideArg(block);
@@ -141,14 +142,14 @@ DiscoveryTest::Found DiscoveryTest::Take(int result, TDC_LPWSTR block) {
   return found;
 }
 
-DiscoveryTest::Found DiscoveryTest::Slot5() {
+Found DiscoveryTest::Slot5() {
   TDC_LPWSTR out = nullptr;
   IPDFPlatform* p = platform_.get();
   const int rc = p->GetRecordHostFromConfig(&out);
   return Take(rc, out);
 }
 
-DiscoveryTest::Found DiscoveryTest::Slot6() {
+Found DiscoveryTest::Slot6() {
   TDC_LPWSTR out = nullptr;
   IPDFPlatform* p = platform_.get();
   const int rc = p->GetRecordUpdateHostFromConfig(&out);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -33,6 +34,8 @@ class FakeDirectory : public tpcsdk::os::DirectoryIdentity, public tpcsdk::os::D
   bool version_ok = true;
   std::uint32_t major_version = 10;
   tpcsdk::os::CloudJoinInfo cloud;
+  // Runs at every DNS query, before it is answered (outside the fake's lock).
+  std::function<void()> on_query;
 
   void JoinDomain(const std::u16string& user) {
     join_status = tpcsdk::os::kJoinStatusDomain;
@@ -54,6 +57,18 @@ class FakeDirectory : public tpcsdk::os::DirectoryIdentity, public tpcsdk::os::D
   std::map<std::u16string, std::pair<long, tpcsdk::os::DnsTxtAnswer>> records_;
   std::vector<std::u16string> queries_;
 };
+
+// What a slot gave: its result and what reached its out argument.
+struct Found {
+  int result;
+  std::optional<std::u16string> host;
+  bool operator==(const Found& o) const { return result == o.result && host == o.host; }
+};
+
+// The Found of a result and a host, where an empty host stands for none.
+inline Found Expected(int result, const std::u16string& host) {
+  return Found{result, host.empty() ? std::nullopt : std::optional<std::u16string>(host)};
+}
 
 class DiscoveryTest : public ::testing::Test {
  protected:
@@ -77,11 +92,6 @@ class DiscoveryTest : public ::testing::Test {
   std::filesystem::path LogFolder(const char* product = "Tarvo PDF Reader") const;
 
   // Slot 5 or 6 through the interface: the result and what reached the out argument.
-  struct Found {
-    int result;
-    std::optional<std::u16string> host;
-    bool operator==(const Found& o) const { return result == o.result && host == o.host; }
-  };
   static Found Take(int result, TDC_LPWSTR block);
   Found Slot5();
   Found Slot6();
