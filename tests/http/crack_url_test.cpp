@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "kit/testkit.h"
 #include "os/http.h"
 
 using namespace tpcsdk::os;
@@ -100,3 +101,24 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
+
+// The Linux counterpart of the user's proxy settings: the environment, in WinHTTP's
+// proxy-list form.
+TEST(HttpProxyConfig, ReadFromTheEnvironmentInWinHttpForm) {
+#ifdef _WIN32
+  GTEST_SKIP() << "Windows reads the user's own proxy configuration";
+#else
+  testkit::ScopedEnv http("http_proxy", "http://p1:3128");
+  testkit::ScopedEnv https("https_proxy", "p2:8443");
+  testkit::ScopedEnv no("no_proxy", "localhost,.corp.example");
+  HttpProxyConfig c;
+  ASSERT_TRUE(HttpGetUserProxyConfig(&c));
+  EXPECT_TRUE(c.proxy == u"http=http://p1:3128;https=p2:8443");
+  EXPECT_TRUE(c.bypass == u"localhost;.corp.example");
+  testkit::ScopedEnv none1("http_proxy", ""), none2("https_proxy", ""), none3("no_proxy", "");
+  testkit::ScopedEnv up1("HTTP_PROXY", ""), up2("HTTPS_PROXY", ""), up3("NO_PROXY", "");
+  ASSERT_TRUE(HttpGetUserProxyConfig(&c));
+  EXPECT_TRUE(c.proxy.empty());
+  EXPECT_TRUE(c.bypass.empty());
+#endif
+}

@@ -560,7 +560,10 @@ TEST(HttpSeam, NamedProxyCarriesTheWholeUrl) {
   RawServer* server = nullptr;
   RawServer s(Answer(&server, Reply("200 OK", "via proxy")));
   server = &s;
-  const std::u16string proxy = tpcsdk::Utf8ToUtf16("127.0.0.1:" + std::to_string(s.port()));
+  // The per-scheme form is what the user's settings give; wine knows only the plain one.
+  const std::u16string proxy = tpcsdk::Utf8ToUtf16(
+      (httptest::UnderWine() ? "" : "https=127.0.0.1:1;http=") + std::string("127.0.0.1:") +
+      std::to_string(s.port()));
   Exchange x(8080, u"GET", u"/p?q", 0, u"origin.invalid", kHttpAccessTypeNamedProxy, proxy);
   ASSERT_TRUE(x.Send());
   ASSERT_TRUE(x.WaitEnded());
