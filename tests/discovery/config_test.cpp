@@ -11,7 +11,6 @@ namespace fs = std::filesystem;
 namespace discovery {
 namespace {
 
-const std::u16string kDefaultHost = tpcsdk::Utf8ToUtf16(TPCSDK_DEFAULT_SERVICE_HOST);
 
 struct LoggingCase {
   const char* name;
@@ -127,6 +126,7 @@ TEST_F(DiscoveryTest, MemberOfTheWrongTypeFailsTheSlotWithoutTouchingOut) {
   EXPECT_EQ(Slot5().host, std::nullopt);
   EXPECT_EQ(Slot6().result, TDC_HRESULT_FAILED);
   EXPECT_EQ(Slot6().host, std::nullopt);
+  EXPECT_EQ(Slot10(u"Tarvo Reader"), 0);
   EXPECT_TRUE(directory_.Queries().empty());
   // The slot's lock was let go on the way out.
   WriteConfig(R"({"env":"https://a.example.com"})");
@@ -141,6 +141,9 @@ TEST_F(DiscoveryTest, FileTooLargeToHoldFailsTheFileReaders) {
   if (ec) GTEST_SKIP() << "no sparse file here: " << ec.message();
   EXPECT_EQ(Slot5(), (Found{TDC_HRESULT_FAILED, std::nullopt}));
   EXPECT_EQ(Slot6(), (Found{TDC_HRESULT_FAILED, std::nullopt}));
+  // Slot 10 can't hold the file either: it answers no and doesn't go on to DNS.
+  directory_.JoinDomain(u"ann@b.c");
+  EXPECT_EQ(Slot10(u"Tarvo Reader"), 0);
   EXPECT_TRUE(directory_.Queries().empty());
 }
 

@@ -5,73 +5,45 @@
 #include "os/paths.h"
 #include "platform/config_file.h"
 #include "support/out_buffer.h"
-#include "support/utf.h"
 
 namespace fs = std::filesystem;
 using namespace tpcsdk;
 
 namespace discovery {
+namespace {
 
-void FakeDirectory::Publish(const std::u16string& name, int type, std::vector<std::u16string> strings) {
-  std::lock_guard<std::mutex> hold(lock_);
-  os::DnsTxtAnswer answer;
-  answer.first_type = type;
-  answer.strings = std::move(strings);
-  records_[name] = {0, answer};
-}
-
-void FakeDirectory::Fail(const std::u16string& name, long code) {
-  std::lock_guard<std::mutex> hold(lock_);
-  records_[name] = {code, os::DnsTxtAnswer{}};
-}
-
-std::vector<std::u16string> FakeDirectory::Queries() {
-  std::lock_guard<std::mutex> hold(lock_);
-  return queries_;
-}
-
-bool FakeDirectory::QueryJoinStatus(int& status) {
-  status = join_status;
-  return join_query_ok;
-}
-
-bool FakeDirectory::QueryUserPrincipalName(std::u16string& name, long& error) {
-  if (!upn_ok) {
-    error = upn_error;
-    return false;
+Found Take(int result, TDC_LPWSTR block) {
+  Found found{result, std::nullopt};
+  if (block) {
+    found.host = WideArg(block);
+    EXPECT_EQ(TDC_ReleaseLPWSTR(block), TDC_HRESULT_OK);
   }
-  name = upn;
-  return true;
+  return found;
 }
 
-bool FakeDirectory::QueryOsMajorVersion(std::uint32_t& major) {
-  major = major_version;
-  return version_ok;
-}
+const std::u16string kVersion = u"12.1";
 
-os::CloudJoinInfo FakeDirectory::QueryCloudJoin() { return cloud; }
+}  // namespace
 
 long FakeDirectory::QueryTxt(const std::u16string& name, os::DnsTxtAnswer& answer) {
   if (on_query) on_query();
   std::lock_guard<std::mutex> hold(lock_);
   queries_.push_back(name);
   const auto it = records_.find(name);
-  if (it == records_.end()) return kNameError;
-  if (it->second.first == 0) answer = it->second.second;
-  return it->second.first;
-}
-
-std::string FakeDirectory::DescribeError(long code) {
-  return code == kNameError ? "DNS name does not exist" : std::string();
+  if (it == records_.end()) return 9003;
+  answer = it->second;
+  return 0;
 }
 
 void DiscoveryTest::SetUp() {
   appdata_env_.emplace(os::kAppDataOverrideVariable, appdata_.path().u8string());
+  hives_env_.emplace(os::kRegistryDirVariable, hives_.path().u8string());
   for (const char* product : {"Tarvo PDF Reader", "Tarvo PDF Editor"})
     fs::create_directories(appdata_.path() / "Tarvo Software" / product);
   os::SetIdentityProviderForTest(&directory_);
   os::SetDnsResolverForTest(&directory_);
   RemoveConfig();
+  ClearRegistry();
 }
 
 void DiscoveryTest::TearDown() {
@@ -79,6 +51,7 @@ void DiscoveryTest::TearDown() {
   os::SetIdentityProviderForTest(nullptr);
   os::SetDnsResolverForTest(nullptr);
   RemoveConfig();
+  ClearRegistry();
 }
 
 void DiscoveryTest::WriteConfig(const std::string& bytes) { testkit::WriteFile(fs::path(ConfigFilePath()), bytes); }
@@ -112,7 +85,6 @@ fs::path DiscoveryTest::LogFolder(const char* product) const {
 std::vector<std::string> DiscoveryTest::Log(const char* product) const {
   std::vector<std::string> messages;
   std::error_code ec;
-  if (!fs::is_directory(LogFolder(product), ec)) return messages;
   for (const auto& entry : fs::directory_iterator(LogFolder(product), ec)) {
     std::ifstream in(entry.path(), std::ios::binary);
     std::string line;
@@ -128,18 +100,8 @@ std::vector<std::string> DiscoveryTest::Log(const char* product) const {
 }
 
 bool DiscoveryTest::Logged(const std::string& message) const {
-  for (const std::string& m : Log())
-    if (m == message) return true;
-  return false;
-}
-
-Found DiscoveryTest::Take(int result, TDC_LPWSTR block) {
-  Found found{result, std::nullopt};
-  if (block) {
-    found.host = WideArg(block);
-    EXPECT_EQ(TDC_ReleaseLPWSTR(block), TDC_HRESULT_OK);
-  }
-  return found;
+  const std::vector<std::string> log = Log();
+  return std::find(log.begin(), log.end(), message) != log.end();
 }
 
 Found DiscoveryTest::Slot5() {
@@ -154,6 +116,48 @@ Found DiscoveryTest::Slot6() {
   IPDFPlatform* p = platform_.get();
   const int rc = p->GetRecordUpdateHostFromConfig(&out);
   return Take(rc, out);
+}
+
+Found DiscoveryTest::Slot7(const std::u16string& app, const std::u16string& version) {
+  TDC_LPWSTR out = nullptr;
+  IPDFPlatform* p = platform_.get();
+  const int rc = p->GetRecordHostFromGPO(&out, W(app), W(version), W(u""));
+  return Take(rc, out);
+}
+
+Found DiscoveryTest::Slot8(const std::u16string& app) {
+  TDC_LPWSTR out = nullptr;
+  IPDFPlatform* p = platform_.get();
+  const int rc = p->GetRecordUpdateHostFromGPO(&out, W(app), W(kVersion));
+  return Take(rc, out);
+}
+
+Found DiscoveryTest::Slot9(const std::u16string& app, const std::u16string& user) {
+  TDC_LPWSTR out = nullptr;
+  IPDFPlatform* p = platform_.get();
+  const int rc = p->GetRecordHostFromLastDefaultLogined(&out, W(app), W(kVersion), W(user));
+  return Take(rc, out);
+}
+
+int DiscoveryTest::Slot10(const std::u16string& app) {
+  IPDFPlatform* p = platform_.get();
+  return p->IsEnterpriseEnv(W(app), W(kVersion), W(u""));
+}
+
+void DiscoveryTest::ClearRegistry() {
+  for (os::RegRoot root : {os::RegRoot::kCurrentUser, os::RegRoot::kLocalMachine}) {
+    os::DeleteRegTree(root, u"SOFTWARE\\Tarvo Software");
+    os::DeleteRegTree(root, u"Software\\Policies\\Tarvo");
+  }
+  os::DeleteRegTree(os::RegRoot::kUsers, u"S-1-5-21-1004-1005-1006-1001\\SOFTWARE\\Tarvo Software");
+}
+
+void DiscoveryTest::SetValue(os::RegRoot root, const std::u16string& key, const std::u16string& name,
+                             const std::u16string& value) {
+  os::RegKey k = os::CreateRegKey(root, key);
+  ASSERT_NE(k, nullptr);
+  EXPECT_TRUE(os::SetRegString(k, name, value));
+  os::CloseRegKey(k);
 }
 
 }  // namespace discovery

@@ -1,6 +1,6 @@
 // What the discovery tests share: a fake directory (identity and DNS) installed in
-// the OS seam, the configuration file and marker beside the module, a private
-// application-data folder for the log, and fresh platform objects.
+// the OS seam, the configuration file and marker beside the module, private
+// application-data and registry folders, and fresh platform objects.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -16,16 +16,18 @@
 #include "kit/testkit.h"
 #include "os/dns.h"
 #include "os/identity.h"
+#include "os/registry.h"
 #include "platform/platform.h"
+#include "support/utf.h"
 
 namespace discovery {
 
-// A directory the test scripts: the join state, the user's names, and DNS records.
+inline const std::u16string kDefaultHost = tpcsdk::Utf8ToUtf16(TPCSDK_DEFAULT_SERVICE_HOST);
+
+// A directory the test scripts: the join state, the user's names and DNS records.
 // A name without a record answers "name error" (9003).
 class FakeDirectory : public tpcsdk::os::DirectoryIdentity, public tpcsdk::os::DnsResolver {
  public:
-  static constexpr long kNameError = 9003;
-
   bool join_query_ok = true;
   int join_status = tpcsdk::os::kJoinStatusWorkgroup;
   bool upn_ok = true;
@@ -34,27 +36,41 @@ class FakeDirectory : public tpcsdk::os::DirectoryIdentity, public tpcsdk::os::D
   bool version_ok = true;
   std::uint32_t major_version = 10;
   tpcsdk::os::CloudJoinInfo cloud;
-  // Runs at every DNS query, before it is answered (outside the fake's lock).
-  std::function<void()> on_query;
+  std::function<void()> on_query;  // runs as each DNS query comes in
 
   void JoinDomain(const std::u16string& user) {
     join_status = tpcsdk::os::kJoinStatusDomain;
     upn = user;
   }
-  void Publish(const std::u16string& name, int type, std::vector<std::u16string> strings);
-  void Fail(const std::u16string& name, long code);
-  std::vector<std::u16string> Queries();
+  void Publish(const std::u16string& name, int type, std::vector<std::u16string> strings) {
+    std::lock_guard<std::mutex> hold(lock_);
+    records_[name] = {type, std::move(strings)};
+  }
+  std::vector<std::u16string> Queries() {
+    std::lock_guard<std::mutex> hold(lock_);
+    return queries_;
+  }
 
-  bool QueryJoinStatus(int& status) override;
-  bool QueryUserPrincipalName(std::u16string& name, long& error) override;
-  bool QueryOsMajorVersion(std::uint32_t& major) override;
-  tpcsdk::os::CloudJoinInfo QueryCloudJoin() override;
+  bool QueryJoinStatus(int& status) override {
+    status = join_status;
+    return join_query_ok;
+  }
+  bool QueryUserPrincipalName(std::u16string& name, long& error) override {
+    if (upn_ok) name = upn;
+    else error = upn_error;
+    return upn_ok;
+  }
+  bool QueryOsMajorVersion(std::uint32_t& major) override {
+    major = major_version;
+    return version_ok;
+  }
+  tpcsdk::os::CloudJoinInfo QueryCloudJoin() override { return cloud; }
   long QueryTxt(const std::u16string& name, tpcsdk::os::DnsTxtAnswer& answer) override;
-  std::string DescribeError(long code) override;
+  std::string DescribeError(long code) override { return code == 9003 ? "DNS name does not exist" : ""; }
 
  private:
   std::mutex lock_;
-  std::map<std::u16string, std::pair<long, tpcsdk::os::DnsTxtAnswer>> records_;
+  std::map<std::u16string, tpcsdk::os::DnsTxtAnswer> records_;
   std::vector<std::u16string> queries_;
 };
 
@@ -70,12 +86,15 @@ inline Found Expected(int result, const std::u16string& host) {
   return Found{result, host.empty() ? std::nullopt : std::optional<std::u16string>(host)};
 }
 
+inline TDC_LPCWSTR W(const std::u16string& s) { return reinterpret_cast<TDC_LPCWSTR>(s.c_str()); }
+
 class DiscoveryTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
 
-  // The configuration file beside the module: written with these bytes, or removed.
+  // The configuration file beside the module: written with these bytes, or removed
+  // together with the marker.
   void WriteConfig(const std::string& bytes);
   void RemoveConfig();
   void WriteMarker();
@@ -86,24 +105,31 @@ class DiscoveryTest : public ::testing::Test {
   IPDFPlatform* NewLoggingPlatform();
   tpcsdk::TDOCPlatform* Object() { return platform_.get(); }
 
-  // The messages of today's log of the given product folder, without their stamps.
+  // The messages of today's log of a product folder, without their stamps.
   std::vector<std::string> Log(const char* product = "Tarvo PDF Reader") const;
   bool Logged(const std::string& message) const;
   std::filesystem::path LogFolder(const char* product = "Tarvo PDF Reader") const;
 
-  // Slot 5 or 6 through the interface: the result and what reached the out argument.
-  static Found Take(int result, TDC_LPWSTR block);
+  // The slots through the host's interface (app "Tarvo Reader", version 12.1 unless given).
   Found Slot5();
   Found Slot6();
+  Found Slot7(const std::u16string& app, const std::u16string& version = u"12.1");
+  Found Slot8(const std::u16string& app);
+  Found Slot9(const std::u16string& app, const std::u16string& user);
+  int Slot10(const std::u16string& app);
+
+  // Registry values; every test starts and ends without the product's keys.
+  static void ClearRegistry();
+  static void SetValue(tpcsdk::os::RegRoot root, const std::u16string& key, const std::u16string& name,
+                       const std::u16string& value);
 
   FakeDirectory directory_;
   testkit::TempDir appdata_;
-  std::optional<testkit::ScopedEnv> appdata_env_;
+  testkit::TempDir hives_;
+  std::optional<testkit::ScopedEnv> appdata_env_, hives_env_;
 
  private:
   std::unique_ptr<tpcsdk::TDOCPlatform> platform_;
 };
-
-inline TDC_LPCWSTR W(const std::u16string& s) { return reinterpret_cast<TDC_LPCWSTR>(s.c_str()); }
 
 }  // namespace discovery

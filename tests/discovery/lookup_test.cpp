@@ -12,7 +12,6 @@ namespace {
 using tpcsdk::os::kDnsTypeCname;
 using tpcsdk::os::kDnsTypeText;
 
-const std::u16string kDefaultHost = tpcsdk::Utf8ToUtf16(TPCSDK_DEFAULT_SERVICE_HOST);
 
 struct AnswerCase {
   const char* name;
@@ -114,23 +113,6 @@ TEST_F(DiscoveryTest, FailedQueryIsLoggedWithTheSystemsWords) {
   EXPECT_TRUE(Logged("DnsQuery_W failed. Error code = 9003."));
   EXPECT_TRUE(Logged("The DnsQuery_W error message = DNS name does not exist."));
   EXPECT_FALSE(Logged("The DNS TXT string is Invalid"));
-}
-
-TEST_F(DiscoveryTest, ServiceLookUpLogsEveryStep) {
-  directory_.JoinDomain(u"ann@b.c");
-  directory_.Publish(u"tws-b-c.b.c", kDnsTypeText, {u"tdoc.b.com", u"x"});
-  NewLoggingPlatform();
-  Slot5();
-  const std::vector<std::string> log = Log();
-  ASSERT_GE(log.size(), 12u);
-  const std::vector<std::string> dns(log.begin() + 3, log.begin() + 12);
-  EXPECT_EQ(dns, (std::vector<std::string>{
-                     "The current user is joined to AD.", "The domain user name is = ann@b.c.",
-                     "The domain user name is = ann@b.c.", "The DNS TXT new name is = tws-b-c.b.c.",
-                     "The new DNS type is = 16.", "The new DNS TXT string count is = 2.",
-                     "The first DNS TXT string is = tdoc.b.com", "ConfigPath: " +
-                         tpcsdk::Utf16ToUtf8(tpcsdk::ConfigFilePath()),
-                     "GetRecordHostFromConfig: Host = tdoc.b.com"}));
 }
 
 struct IdentityCase {
