@@ -32,7 +32,8 @@ test: bootstrap
 	@$(MAKE) --no-print-directory linux windows asan
 	@rm -f $(B)/results.txt
 	@scripts/run-tests.sh native $(B)/linux $(B)/results.txt
-	@ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	@ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS=suppressions=$(CURDIR)/scripts/lsan.supp \
+	  UBSAN_OPTIONS=print_stacktrace=1 \
 	  scripts/run-tests.sh native $(B)/asan $(B)/results.txt
 	@scripts/run-tests.sh wine $(B)/win64 $(B)/results.txt $(B)/linux/bin/tdoc-emulator
 	@awk '{p+=$$1; f+=$$2} END {printf "%d passed, %d failed\n", p, f; exit (f > 0 || p == 0)}' $(B)/results.txt
