@@ -28,23 +28,6 @@ bool IsEmptyJson(const Json::Value& v) {
 
 }  // namespace
 
-void ParseReplyEnvelope(ReplyRecord& record, Json::Value& dataOut, const Json::Value& root) {
-  dataOut = Json::Value();
-  if (!root.isObject()) {
-    record.ret = 0;
-    record.message.clear();
-    record.returned = 0;
-    return;
-  }
-  const Json::Value& ret = root["ret"];
-  const Json::Value& message = root["message"];
-  const Json::Value& returned = root["returned"];
-  record.ret = ret.isConvertibleTo(Json::intValue) ? ret.asInt() : 0;
-  record.message = message.isConvertibleTo(Json::stringValue) ? message.asString() : "";
-  record.returned = returned.isConvertibleTo(Json::intValue) ? returned.asInt() : 0;
-  dataOut = root["data"];
-}
-
 bool ReplaceFirst(std::u16string& text, std::u16string_view pattern,
                   std::u16string_view replacement) {
   if (pattern.empty()) return false;
@@ -261,7 +244,7 @@ int TetherdocServer::RequestJson(Json::Value& reply, const std::u16string& url,
     return TDC_HRESULT_SERVICE_ERROR;  // an unparsed or non-object reply has no ret
   }
   // A missing ret is success; one that is not a number cannot be 0.
-  const Json::Value& ret = reply["ret"];
+  const Json::Value& ret = static_cast<const Json::Value&>(reply)["ret"];  // no member added
   if (ret.isNull()) return TDC_HRESULT_OK;
   if (!ret.isConvertibleTo(Json::intValue)) return TDC_HRESULT_SERVICE_ERROR;
   const int nRet = ret.asInt();

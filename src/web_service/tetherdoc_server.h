@@ -2,6 +2,7 @@
 // host's API directory and runs every service call through one request frame.
 #pragma once
 #include <cstdint>
+#include <initializer_list>
 #include <list>
 #include <map>
 #include <mutex>
@@ -16,6 +17,8 @@ namespace tpcsdk {
 
 class CAsyncWinHttp;
 class DiagnosticLog;
+struct UserRecord;
+struct DocumentRecord;
 
 // The envelope every service reply carries around its data.
 struct ReplyRecord {
@@ -47,6 +50,8 @@ class TetherdocServer final : public ITetherdocServer {
   int StopRequest();
 
   const std::u16string& Domain() const { return m_wsDomain; }
+  // Points the client's log elsewhere (null: no log); for tools and tests.
+  void SetLog(DiagnosticLog* log) { m_pLog = log; }
   const std::u16string& Host() const { return m_wsHost; }
 
   // ---- request frame (used by the operations) ----
@@ -66,6 +71,17 @@ class TetherdocServer final : public ITetherdocServer {
   size_t PendingRequests();
   // The HTTP status each request in flight has seen so far (0 before its headers).
   std::vector<int32_t> PendingStatusCodes();
+
+  // ---- helpers the operations share ----
+  // Looks a user up by record.cUserID, else by record.queryToken. 0 or -2.
+  int FetchUser(UserRecord& record);
+  // Looks a document up by record.cDocID. 0, -2, the frame's result, or the reply's ret.
+  int FetchDocument(DocumentRecord& record);
+  // POSTs body to url for one of the upload operations: 0, or the frame's result, or
+  // 4 when the reply's ret is one of `rejected`. With forbiddenAtOnce a 403 is returned
+  // without a look at the reply.
+  int PostRecord(const std::u16string& url, const Json::Value& body,
+                 std::initializer_list<int32_t> rejected, bool forbiddenAtOnce);
 
   // ---- ITetherdocServer ----
   int GetWebServiceUrl(const char* key, TDC_LPWSTR* url) override;
