@@ -61,7 +61,7 @@ int TetherdocServer::InitApi(const char16_t* host) {
     if (!host) return TDC_HRESULT_BAD_ARGUMENT;
     const std::u16string wsHost(host, WideLength(host));
     if (wsHost.empty()) return TDC_HRESULT_FAILED;
-    if (m_al.empty() || m_an.empty() || m_av.empty()) return TDC_HRESULT_BAD_ARGUMENT;
+    if (Language().empty() || m_an.empty() || m_av.empty()) return TDC_HRESULT_BAD_ARGUMENT;
     if (m_pLog) m_pLog->Write("Starts TetherdocServer::InitApi. Host = %s", U8(wsHost).c_str());
 
     std::lock_guard<std::recursive_mutex> lock(m_lockInitApi);
@@ -77,7 +77,7 @@ int TetherdocServer::InitApi(const char16_t* host) {
     } else {
       if (m_pLog) m_pLog->Write("TetherdocServer::InitApi. Starts to request API list from server.");
       const std::u16string url = wsHost + u"/" + Utf8ToUtf16(m_cv) + u"/" + Utf8ToUtf16(m_an) +
-                                 u"/" + Utf8ToUtf16(m_av) + u"/" + Utf8ToUtf16(m_al) +
+                                 u"/" + Utf8ToUtf16(m_av) + u"/" + Utf8ToUtf16(Language()) +
                                  u"/tdocApi.json";
       if (m_pLog) m_pLog->Write("request API list from: %s", U8(url).c_str());
       std::u16string body, extra;
@@ -130,6 +130,18 @@ int TetherdocServer::InitApi(const char16_t* host) {
   });
 }
 
+// The language is the one identity field that changes after construction; a request
+// on another thread may read it while the host sets it, so both go through this lock.
+std::string TetherdocServer::Language() const {
+  std::lock_guard<std::mutex> lock(m_lockLanguage);
+  return m_al;
+}
+
+void TetherdocServer::SetLanguage(std::string language) {
+  std::lock_guard<std::mutex> lock(m_lockLanguage);
+  m_al = std::move(language);
+}
+
 std::u16string TetherdocServer::GetApiUrl(std::u16string_view prefix,
                                           std::u16string_view key) const {
   if (m_mapApi.empty()) return std::u16string();
@@ -165,7 +177,7 @@ std::u16string TetherdocServer::ResolveTokenUrl(std::u16string_view key) const {
 }
 
 std::u16string TetherdocServer::BuildClientQuery() const {
-  return u"al=" + Utf8ToUtf16(m_al) + u"&cv=" + Utf8ToUtf16(m_cv) + u"&an=" +
+  return u"al=" + Utf8ToUtf16(Language()) + u"&cv=" + Utf8ToUtf16(m_cv) + u"&an=" +
          Utf8ToUtf16(m_an) + u"&av=" + Utf8ToUtf16(m_av);
 }
 
@@ -178,7 +190,7 @@ std::u16string TetherdocServer::BuildUserAgent() const {
 }
 
 std::u16string TetherdocServer::BuildRequestHeaders() const {
-  const std::u16string al = Utf8ToUtf16(m_al);
+  const std::u16string al = Utf8ToUtf16(Language());
   return u"Content-type: application/json\r\nX-tetherdoc-UA: al(" + al + u");cv(" +
          Utf8ToUtf16(m_cv) + u");an(" + Utf8ToUtf16(m_an) + u");av(" + Utf8ToUtf16(m_av) +
          u")\r\nAccept-Language: " + al + u"\r\n";

@@ -73,6 +73,11 @@ class TetherdocServer final : public ITetherdocServer {
   std::vector<int32_t> PendingStatusCodes();
 
   // ---- helpers the operations share ----
+  // The application language ("al"), which SetClientLanguage changes.
+  std::string Language() const;
+  void SetLanguage(std::string language);
+  // The service's time as text; empty on any failure.
+  std::string GetServerTime();
   // Looks a user up by record.cUserID, else by record.queryToken. 0 or -2.
   int FetchUser(UserRecord& record);
   // Looks a document up by record.cDocID. 0, -2, the frame's result, or the reply's ret.
@@ -152,7 +157,8 @@ class TetherdocServer final : public ITetherdocServer {
   int32_t m_nApiReady = 0;
   std::u16string m_wsDomain;
   std::u16string m_wsHost;
-  std::string m_al;
+  std::string m_al;  // under m_lockLanguage
+  mutable std::mutex m_lockLanguage;
   std::string m_an;
   std::string m_av;
   std::string m_cv;

@@ -116,6 +116,9 @@ struct Records {
                                created, nullptr, nullptr, -5,   3};
   TDC_TDOC_INFO tdocInfo{app,     doc,     name,    created, modified, nullptr, nullptr, nullptr,
                          nullptr, nullptr, version, path,    nullptr,  nullptr, 1024,    7};
+  W start{"2026-11-23 12:00:00"}, opType{"edit"}, op{"save"}, operands{"{\"page\": 3}"};
+  TDC_USER_LOG usage{app,    doc,  version, nullptr, start,   opType, op,
+                     operands, name, nullptr, nullptr, nullptr, 2};
   W type{"desktop"};
   TDC_DEVICE_INFO device{type, type, type, type, type, type, type, type, type, type};
 };
@@ -166,6 +169,14 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"ModifyNullJson", [](auto* a, auto&, auto, auto*) { return a->ModifyDocVersion("t", nullptr); }, -2},
         Refusal{"OwnerIdEmpty", [](auto* a, auto&, auto o, auto*) { return a->GetDocOwnerID("", o); }, -2},
         Refusal{"OwnerIdNull", [](auto* a, auto&, auto o, auto*) { return a->GetDocOwnerID(nullptr, o); }, -2},
+        Refusal{"UsageEmptyOperator", [](auto* a, auto& r, auto, auto*) { r.usage.operator_ = r.empty; return a->UpLoadUserLogger(&r.usage); }, 4},
+        Refusal{"UsageNullRequired", [](auto* a, auto& r, auto, auto*) { r.usage.startTime = nullptr; return a->UpLoadUserLogger(&r.usage); }, -2},
+        Refusal{"SendEmailEmptyVersion", [](auto* a, auto&, auto, auto*) { return a->UpdateNotificationSendEmail("t", "", "o@x"); }, -2},
+        Refusal{"NotifyEmptySubject", [](auto* a, auto& r, auto, auto*) { return a->SendEmailNotification("t", r.empty, r.name, r.name, r.name); }, -2},
+        Refusal{"ImageEmptyToken", [](auto* a, auto&, auto o, auto*) { return a->UploadImage("", "png", "AAAA", o); }, -2},
+        Refusal{"ImageEmptyContent", [](auto* a, auto&, auto o, auto*) { return a->UploadImage("t", "png", "", o); }, -2},
+        Refusal{"OpenMessageEmptyFirst", [](auto* a, auto&, auto o, auto*) { return a->GetOpenMessage("m", "", o); }, -2},
+        Refusal{"LanguageEmpty", [](auto* a, auto&, auto, auto*) { return a->SetClientLanguage(""); }, -2},
         Refusal{"OwnerEmailEmpty", [](auto* a, auto&, auto o, auto*) {
           TDC_LPWSTR name = g_wideSentinel;
           return a->GetOwnerEmail(nullptr, "", o, &name, o);
@@ -297,6 +308,28 @@ INSTANTIATE_TEST_SUITE_P(
                  "\"mobileDeviceId\":\"desktop\",\"os\":\"desktop\",\"productLanguage\":\"desktop\","
                  "\"productName\":\"desktop\",\"productVendor\":\"desktop\",\"productVersion\":\"desktop\","
                  "\"type\":\"desktop\"}\n"},
+        // The operands text nests as an object; isCreview goes as given.
+        WireCase{"UpLoadUserLogger", [](auto* a, auto& r) { a->UpLoadUserLogger(&r.usage); }, "POST",
+                 "/tdocapi/v1/documents/logs", "-",
+                 "{\"cAppID\":\"app-1\",\"cDocID\":\"doc-1\",\"cUserID\":\"\",\"cVersionID\":\"ver-1\","
+                 "\"docName\":\"Report \\u00e9t\\u00e9.pdf\",\"docPath\":\"\",\"docURI\":\"\",\"isCreview\":2,"
+                 "\"operands\":{\"page\":3},\"operator\":\"save\",\"operatorType\":\"edit\","
+                 "\"reviewSessionID\":\"\",\"startTime\":\"2026-11-23 12:00:00\"}\n"},
+        WireCase{"UpdateNotificationSendEmail", [](auto* a, auto&) { a->UpdateNotificationSendEmail("tok", "v-1", "o@x"); },
+                 "POST", "/tdocapi/v1/server/send-email", "access-token=tok",
+                 "{\"cOwnerEmail\":\"o@x\",\"cVersionID\":\"v-1\"}\n"},
+        WireCase{"SendEmailNotification", [](auto* a, auto& r) { a->SendEmailNotification("tok", r.name, r.doc, r.app, r.version); },
+                 "POST", "/tdocapi/v1/notifications/email", "access-token=tok",
+                 "{\"content\":\"doc-1\",\"fromEmail\":\"app-1\",\"subject\":\"Report \\u00e9t\\u00e9.pdf\","
+                 "\"toEmail\":\"ver-1\"}\n"},
+        WireCase{"UploadImage", [](auto* a, auto&) { char* o = nullptr; a->UploadImage("tok", "png", "iVBOR", &o); TDC_ReleaseLPSTR(o); },
+                 "POST", "/tdocapi/v1/users/sign-image", "access-token=tok",
+                 "{\"content\":\"iVBOR\",\"imageType\":\"png\"}\n"},
+        // The second argument fills the first placeholder.
+        WireCase{"GetOpenMessage", [](auto* a, auto&) { char* o = nullptr; a->GetOpenMessage("msg-1", "app-1", &o); TDC_ReleaseLPSTR(o); },
+                 "GET", "/tdocapi/v1/messages/open-message", "cAppID=app-1&msgId=msg-1", ""},
+        WireCase{"GetServerOptionConfig", [](auto* a, auto&) { char* o = nullptr; a->GetServerOptionConfig(&o); TDC_ReleaseLPSTR(o); },
+                 "GET", "/tdocapi/v1/server/option-config", "-", ""},
         // Only the third value is escaped, and the escape survives the URL split.
         WireCase{"GetCasTicket", [](auto* a, auto&) { char* o = nullptr; a->GetCasTicket("app", "svc", "ann+b@x.com/\xC3\xA9", &o); TDC_ReleaseLPSTR(o); },
                  "GET", "/tdocapi/v1/users/get-cas-ticket",
@@ -537,6 +570,96 @@ TEST_F(Ops, ThirdUserDecidesByCodeAndTheOthersAlwaysFail) {
   RunReplyTable(emu, api, "GET", "/tdocapi/v2/server/agreement", agreement,
                 {{200, R"({"data":"terms"})", -2, "{\"data\":\"terms\"}\n"},
                  {200, R"({"ret":1})", -2, nullptr}});
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(Ops, UsageRecordsOperandsAndRetSet) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  ITetherdocServer* api = Start(emu);
+  // Operands that are not an object travel as an empty string, and the call goes on.
+  Records r;
+  W array("[1,2]"), broken("{\"a\":"), number("5");
+  for (TDC_LPCWSTR operands : {static_cast<TDC_LPCWSTR>(array), static_cast<TDC_LPCWSTR>(broken),
+                               static_cast<TDC_LPCWSTR>(number), static_cast<TDC_LPCWSTR>(nullptr)}) {
+    r.usage.operands = operands;
+    EXPECT_EQ(api->UpLoadUserLogger(&r.usage), 0);
+  }
+  const auto sent = Sent();
+  ASSERT_EQ(sent.size(), 4u);
+  for (const auto& q : sent) {
+    const Json::Value body = Parse(q.body);
+    EXPECT_TRUE(body["operands"].isString() && body["operands"].asString().empty()) << q.body;
+    EXPECT_EQ(body.size(), 13u);
+  }
+  const Call usage = [&](ITetherdocServer* a, char**) { return a->UpLoadUserLogger(&r.usage); };
+  RunReplyTable(emu, api, "POST", "/tdocapi/v1/documents/logs", usage,
+                {{200, R"({"ret":110008})", 4, nullptr},
+                 {200, R"({"ret":110002})", 4, nullptr},
+                 {200, R"({"ret":110004})", 6, nullptr},
+                 {403, "denied", 4, nullptr}});
+  r.usage.docName = r.empty;
+  EXPECT_EQ(api->UpLoadUserLogger(&r.usage), 4);
+  const std::string log = LogText();
+  for (const char* line : {"UpLoadUserLogger url=", "UpLoadUserLogger. parameter is empty, cAppID:app-1, "
+                           "cDocID:doc-1 cVersionID:ver-1 startTime:2026-11-23 12:00:00 docName: "
+                           "operatorType:edit Operator:save"})
+    EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+}
+
+TEST_F(Ops, SmallServicesHandBackTheirData) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  ITetherdocServer* api = Start(emu);
+  const Call config = [](ITetherdocServer* a, char** o) { return a->GetServerOptionConfig(o); };
+  RunReplyTable(emu, api, "GET", "/tdocapi/v1/server/option-config", config,
+                {{200, R"({"ret":0})", 0, "null\n"},
+                 {200, R"({"data":{"a":[1,"x"]}})", 0, "{\"a\":[1,\"x\"]}\n"},
+                 {403, "denied", 4, nullptr}});
+  const Call image = [](ITetherdocServer* a, char** o) { return a->UploadImage("t", "png", "AA", o); };
+  RunReplyTable(emu, api, "POST", "/tdocapi/v1/users/sign-image", image,
+                {{200, R"({"data":"https://img/1"})", 0, "https://img/1"},
+                 {200, R"({"data":""})", -2, nullptr},
+                 {200, R"({"data":{"u":1}})", -2, nullptr},
+                 {403, "denied", -2, nullptr}});
+  const Call open = [](ITetherdocServer* a, char** o) { return a->GetOpenMessage("m", "a", o); };
+  RunReplyTable(emu, api, "GET", "/tdocapi/v1/messages/open-message", open,
+                {{200, R"({"data":[{"m":1}]})", 0, "{\"m\":1}\n"},
+                 {200, R"({"data":{"m":1}})", -2, nullptr},
+                 {200, R"({"ret":210007})", 9, nullptr}});
+  const Call mail = [](ITetherdocServer* a, char**) { return a->UpdateNotificationSendEmail("t", "v", "o"); };
+  RunReplyTable(emu, api, "POST", "/tdocapi/v1/server/send-email", mail,
+                {{200, R"({"ret":1})", 6, nullptr}, {200, "{}", 0, nullptr}});
+  emu->Reset();
+  Reply("GET", "/tdocapi/v1/server/time", 200, R"({"data":[{"time":"2026-11-23 12:00:00"}]})");
+  EXPECT_EQ(client_->GetServerTime(), "2026-11-23 12:00:00");
+  emu->Reset();
+  Reply("GET", "/tdocapi/v1/server/time", 200, R"({"data":{"time":"x"}})");
+  EXPECT_EQ(client_->GetServerTime(), "");
+}
+
+TEST_F(Ops, OpenMessageNeedsTwoPlaceholdersAndLanguageChangesTheIdentity) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  Json::Value change;
+  change["set"]["tdc_messages_open_message"] = "{base}/open?msgId=%s";
+  ITetherdocServer* api = Start(emu, change);
+  char* out = g_textSentinel;
+  EXPECT_EQ(api->GetOpenMessage("m", "a", &out), -2);
+  EXPECT_EQ(out, g_textSentinel);
+  EXPECT_TRUE(Sent().empty());
+
+  EXPECT_EQ(api->SetClientLanguage(""), -2);
+  EXPECT_EQ(api->SetClientLanguage("fr-FR"), 0);
+  EXPECT_EQ(api->GetServerOptionConfig(&out), 0);
+  TDC_ReleaseLPSTR(out);
+  const auto sent = Sent();
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].Header("X-tetherdoc-UA"), "al(fr-FR);cv(2.0.0.0);an(My App);av(12.1)");
+  EXPECT_EQ(sent[0].Header("Accept-Language"), "fr-FR");
+  const std::string log = LogText();
+  EXPECT_NE(log.find("SetClientLanguage fail, lpsClientLanguage is empty!"), std::string::npos);
+  EXPECT_NE(log.find("SetClientLanguage, lpsClientLanguage:fr-FR"), std::string::npos);
 }
 
 }  // namespace
