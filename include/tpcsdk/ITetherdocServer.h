@@ -2,7 +2,10 @@
  * ITetherdocServer: one web-service client, bound to one service host. The platform
  * owns it; a host never destroys it. Texts marked "text" are UTF-8, "wide" UTF-16.
  * Out buffers receive a new block for the TDC_Release* family and are written only on
- * the path that fills them. Slot order is the ABI.
+ * the path that fills them, so start them at NULL. JSON handed out is compact text that
+ * ends in one line feed. A NULL where a text, record or out pointer is needed gives
+ * TDC_HRESULT_FAILED (-2) and sends nothing. Any thread may call; a call blocks until
+ * its exchange ends or the platform's StopAllRequest ends it. Slot order is the ABI.
  */
 #ifndef TPCSDK_ITETHERDOCSERVER_H
 #define TPCSDK_ITETHERDOCSERVER_H
