@@ -344,8 +344,13 @@ TEST_F(Ops, ThirdUserPathsAndBody) {
   char* out = nullptr;
   int32_t done = 7;
   api->GetThirdUser(base.c_str(), W("third \xE2\x82\xAC"), &out, &done);
+  TDC_ReleaseLPSTR(out);
+  out = nullptr;
   api->GetThirdUserInfo(base.c_str(), W("t2"), &out);
+  TDC_ReleaseLPSTR(out);
+  out = nullptr;
   api->GetAgreement(base.c_str(), &out);
+  TDC_ReleaseLPSTR(out);
   const auto sent = Sent();
   ASSERT_EQ(sent.size(), 3u);
   EXPECT_EQ(sent[0].method + " " + sent[0].target, "POST /tdocapi/v2/users/third-user");
