@@ -52,6 +52,13 @@ std::u16string VersionsUrl(const TetherdocServer& server, const char* token) {
 
 }  // namespace
 
+std::u16string TetherdocServer::UploadUrl(const char* name, std::u16string_view key) {
+  if (m_pLog) m_pLog->Write("%s", name);
+  std::u16string url = GetApiUrl(u"url", key);
+  if (url.empty() && m_pLog) m_pLog->Write("%s. url is empty", name);
+  return url;
+}
+
 int TetherdocServer::PostRecord(const std::u16string& url, const Json::Value& body,
                                 std::initializer_list<int32_t> rejected, bool forbiddenAtOnce) {
   Json::Value reply;
@@ -67,12 +74,8 @@ int TetherdocServer::PostRecord(const std::u16string& url, const Json::Value& bo
 
 int TetherdocServer::UploadDocInfo(const TDC_DOC_INFO* info) {
   return Guarded(TDC_HRESULT_FAILED, [&]() -> int {
-    if (m_pLog) m_pLog->Write("UploadDocInfo");
-    const std::u16string url = GetApiUrl(u"url", u"tdc_documents");
-    if (url.empty()) {
-      if (m_pLog) m_pLog->Write("UploadDocInfo. url is empty");
-      return TDC_HRESULT_FAILED;
-    }
+    const std::u16string url = UploadUrl("UploadDocInfo", u"tdc_documents");
+    if (url.empty()) return TDC_HRESULT_FAILED;
     if (!info || !info->cAppID || !info->cDocID || !info->docName || !info->createTime ||
         !info->modifiedTime)
       return TDC_HRESULT_FAILED;
@@ -95,12 +98,8 @@ int TetherdocServer::UploadDocInfo(const TDC_DOC_INFO* info) {
 
 int TetherdocServer::UploadVersionInfo(const TDC_VERSION_INFO* info) {
   return Guarded(TDC_HRESULT_FAILED, [&]() -> int {
-    if (m_pLog) m_pLog->Write("UploadVersionInfo");
-    const std::u16string url = GetApiUrl(u"url", u"tdc_documents_versions");
-    if (url.empty()) {
-      if (m_pLog) m_pLog->Write("UploadVersionInfo. url is empty");
-      return TDC_HRESULT_FAILED;
-    }
+    const std::u16string url = UploadUrl("UploadVersionInfo", u"tdc_documents_versions");
+    if (url.empty()) return TDC_HRESULT_FAILED;
     if (!info || !info->cAppID || !info->cDocID || !info->cVersionID || !info->docName ||
         !info->createTime)
       return TDC_HRESULT_FAILED;

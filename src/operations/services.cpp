@@ -36,12 +36,8 @@ Json::Value OperandsMember(TDC_LPCWSTR text) {
 
 int TetherdocServer::UpLoadUserLogger(const TDC_USER_LOG* log) {
   return Guarded(TDC_HRESULT_FAILED, [&]() -> int {
-    if (m_pLog) m_pLog->Write("UpLoadUserLogger");
-    const std::u16string url = GetApiUrl(u"url", u"tdc_documents_log");
-    if (url.empty()) {
-      if (m_pLog) m_pLog->Write("UpLoadUserLogger. url is empty");
-      return TDC_HRESULT_FAILED;
-    }
+    const std::u16string url = UploadUrl("UpLoadUserLogger", u"tdc_documents_log");
+    if (url.empty()) return TDC_HRESULT_FAILED;
     if (!log || !log->cAppID || !log->cDocID || !log->cVersionID || !log->startTime ||
         !log->operatorType || !log->operator_ || !log->docName)
       return TDC_HRESULT_FAILED;

@@ -85,6 +85,9 @@ class TetherdocServer final : public ITetherdocServer {
   // POSTs body to url for one of the upload operations: 0, or the frame's result, or
   // 4 when the reply's ret is one of `rejected`. With forbiddenAtOnce a 403 is returned
   // without a look at the reply.
+  // Logs the upload's name and gives its stored URL, logging "<name>. url is empty"
+  // when there is none.
+  std::u16string UploadUrl(const char* name, std::u16string_view key);
   int PostRecord(const std::u16string& url, const Json::Value& body,
                  std::initializer_list<int32_t> rejected, bool forbiddenAtOnce);
 
