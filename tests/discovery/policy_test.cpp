@@ -1,7 +1,6 @@
 // Slots 7 to 10 against the registry (wine's, or JSON hives on Linux) and a real
 // ProfStore.xml: tenant value, preference store, DisableFindHost, last sign-in and
 // the enterprise test.
-#include <atomic>
 #include <thread>
 
 #include "discovery_fixture.h"
@@ -302,23 +301,28 @@ TEST_F(PolicyTest, SlotsNineAndTenRunWhileALookUpHoldsTheLock) {
     release.WaitFor(std::chrono::seconds(30));
   };
   NewPlatform();
-  std::atomic<bool> update_done{false};
   std::thread service([&] { Slot5(); });
   ASSERT_TRUE(in_dns.WaitFor(std::chrono::seconds(10)));
   // Slot 6 would answer from the file at once, but has to wait for the lock.
   WriteConfig(R"({"upd":"https://upd.example.com"})");
-  std::thread update([&] {
-    Slot6();
-    update_done = true;
+  testkit::Signal update_started, update_done;
+  Found update{};
+  std::thread update_thread([&] {
+    update_started.Set();
+    update = Slot6();
+    update_done.Set();
   });
+  ASSERT_TRUE(update_started.WaitFor(std::chrono::seconds(10)));
   // Slot 9 and slot 10 (answering from the tenant value) take no lock.
   EXPECT_EQ(Slot9(u"Tarvo Reader", u"").result, TDC_HRESULT_FAILED);
   EXPECT_EQ(Slot10(u"Tarvo Reader"), 1);
-  EXPECT_FALSE(update_done);
+  // Slot 6 has been running all this while and is still held at the lock.
+  EXPECT_FALSE(update_done.WaitFor(std::chrono::milliseconds(200)));
   release.Set();
   service.join();
-  update.join();
-  EXPECT_TRUE(update_done);
+  EXPECT_TRUE(update_done.WaitFor(std::chrono::seconds(10)));
+  update_thread.join();
+  EXPECT_EQ(update, (Found{TDC_HRESULT_OK, u"https://upd.example.com"}));
 }
 
 }  // namespace

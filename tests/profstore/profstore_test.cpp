@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -366,10 +365,6 @@ TEST_F(Store, GetterKeepsTheFirstObjectUntilReleased) {
   ASSERT_NE(second, nullptr);
   EXPECT_EQ(static_cast<CProfstoreEx*>(second)->ProductKind(), 1);
   tpcsdk::ReleaseProfStoreEx();
-
-  // Destroy without bit 0 ends the object and leaves its memory to the owner.
-  alignas(CProfstoreEx) unsigned char storage[sizeof(CProfstoreEx)];
-  (new (storage) CProfstoreEx())->Destroy(0);
 }
 
 }  // namespace
