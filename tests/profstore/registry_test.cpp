@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "kit/private_registry.h"
 #include "kit/testkit.h"
 #include "os/registry.h"
 #include "profstore/registry_fixture.h"
@@ -121,6 +122,36 @@ TEST_F(RegistrySeam, EnumeratesNamesAndData) {
   uint32_t size = sizeof(tiny);
   EXPECT_EQ(os::EnumRegValue(key, 0, name, 64, nullptr, tiny, &size), RegStatus::kMoreData);
   os::CloseRegKey(key);
+}
+
+// The fixtures' own registry hides the keys outside it and never deletes them. Outside
+// it stands wine's registry on Windows, and a hive directory of this test on Linux.
+TEST(PrivateRegistry, HidesTheKeysOutsideAndLeavesThemAlone) {
+  testkit::TempDir outside_dir;
+#ifndef _WIN32
+  testkit::ScopedEnv outside(os::kRegistryDirVariable, outside_dir.path().string());
+#endif
+  const std::u16string parent = u"Software\\TpcsdkRegistryTest";
+  const std::u16string sentinel = parent + u"\\Sentinel";
+  os::RegKey key = os::CreateRegKey(RegRoot::kCurrentUser, sentinel);
+  ASSERT_NE(key, nullptr);
+  EXPECT_TRUE(os::SetRegString(key, u"v", u"outside"));
+  os::CloseRegKey(key);
+  {
+    testkit::TempDir dir;
+    testkit::PrivateRegistry inside(dir.path());
+    ASSERT_TRUE(inside.ok());
+    EXPECT_EQ(os::OpenRegKey(RegRoot::kCurrentUser, sentinel), nullptr);
+    os::CloseRegKey(os::CreateRegKey(RegRoot::kCurrentUser, sentinel));
+    EXPECT_TRUE(os::DeleteRegTree(RegRoot::kCurrentUser, parent));
+  }
+  key = os::OpenRegKey(RegRoot::kCurrentUser, sentinel);
+  ASSERT_NE(key, nullptr);
+  std::u16string text;
+  EXPECT_TRUE(os::QueryRegString(key, u"v", text));
+  EXPECT_EQ(text, u"outside");
+  os::CloseRegKey(key);
+  EXPECT_TRUE(os::DeleteRegTree(RegRoot::kCurrentUser, parent));
 }
 
 #ifndef _WIN32
