@@ -49,9 +49,10 @@ cross_cmake() { # source-dir build-dir extra-args...
 if [ ! -f "$PREFIX/lib/libjsoncpp.a" ]; then
   echo "bootstrap: cross-building jsoncpp from Debian's source package"
   # A private apt state holds the source index, so the system's sources stay untouched.
+  # Its one line points at the archive and release the machine's own sources name.
   apt_dir=$DEPS/apt
   mkdir -p "$apt_dir/lists/partial"
-  echo "deb-src http://deb.debian.org/debian bookworm main" > "$apt_dir/sources.list"
+  "$HERE/scripts/apt-source-line.sh" > "$apt_dir/sources.list"
   aopt=(-o Dir::Etc::sourcelist="$apt_dir/sources.list" -o Dir::Etc::sourceparts=- \
         -o Dir::State::Lists="$apt_dir/lists" -o Dir::Cache::srcpkgcache= -o Dir::Cache::pkgcache=)
   apt-get "${aopt[@]}" update -qq

@@ -5,6 +5,8 @@
 #include "os/registry.h"
 #include "platform/diagnostic_log.h"
 #include "platform/product_identity.h"
+#include "platform/registry_locations.h"
+#include "support/text.h"
 #include "support/utf.h"
 
 namespace tpcsdk {
@@ -13,8 +15,6 @@ namespace {
 constexpr std::uint32_t kCloudJoinMajorVersion = 10;
 
 std::string U8(const std::u16string& s) { return Utf16ToUtf8(s); }
-
-char16_t LowerAscii(char16_t c) { return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c + 32) : c; }
 
 // The part of the user name after its first "@", or the whole name without one.
 std::u16string DomainOf(const std::u16string& user_name) {
@@ -175,24 +175,16 @@ std::u16string LookupUpdateHostFromDns(DiagnosticLog* log, DnsHostRecord memo) {
   return memo.host;
 }
 
-bool EqualsIgnoringAsciiCase(std::u16string_view a, std::u16string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
-  return true;
-}
-
 int IsFindHostDisabled(const std::u16string& application, const std::u16string& version) {
   const ProductKind kind =
       application.find(u"BrindlePDF") != std::u16string::npos ? ProductKind::Editor : ProductKind::Reader;
-  const std::u16string path =
-      u"SOFTWARE\\Tarvo Software\\" + ProductKey(ProductName(kind), version) + u"\\Tetherdoc\\";
+  const std::u16string path = reg::ProductVersionKey(kind, version) + reg::kFindHostKey;
   os::RegKey key = os::OpenRegKey(os::RegRoot::kCurrentUser, path);
   if (!key) return 0;
   std::u16string value;
-  const bool read = os::QueryRegString(key, u"DisableFindHost", value);
+  const bool read = os::QueryRegString(key, reg::kDisableFindHostValue, value);
   os::CloseRegKey(key);
-  return read && EqualsIgnoringAsciiCase(value, u"True") ? 1 : 0;
+  return read && EqualsNoCase(value, u"True") ? 1 : 0;
 }
 
 }  // namespace tpcsdk

@@ -46,9 +46,6 @@ std::u16string LookupHostFromDns(DiagnosticLog* log, const std::u16string& domai
 // domain suffix, and a first record that isn't TXT is reported as invalid.
 std::u16string LookupUpdateHostFromDns(DiagnosticLog* log, DnsHostRecord memo);
 
-// Equal texts when the letters A-Z are taken without regard to case.
-bool EqualsIgnoringAsciiCase(std::u16string_view a, std::u16string_view b);
-
 // 1 when the current user's DisableFindHost switch reads "True" in any case, else 0.
 // It stands under SOFTWARE, Tarvo Software, "<product> <major>.0", Tetherdoc; the
 // product is the Editor only when `application` holds "BrindlePDF".

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "os/paths.h"
+#include "support/text.h"
 #include "support/utf.h"
 
 namespace tpcsdk {
@@ -25,16 +26,6 @@ namespace {
 
 constexpr size_t kDirectoryPathLimit = 259;
 
-char16_t LowerAscii(char16_t c) { return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c + 32) : c; }
-
-bool EqualsIgnoringAsciiCase(std::u16string_view a, std::u16string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
-  }
-  return true;
-}
-
 std::vector<std::u16string_view> Split(std::u16string_view text, char16_t sep, bool keep_empty) {
   std::vector<std::u16string_view> parts;
   size_t start = 0;
@@ -56,7 +47,7 @@ const std::vector<std::u16string_view>& SuffixList() {
 
 bool IsKnownSuffix(std::u16string_view candidate) {
   for (const auto& entry : SuffixList()) {
-    if (EqualsIgnoringAsciiCase(candidate, entry)) return true;
+    if (EqualsNoCase(candidate, entry)) return true;
   }
   return false;
 }
@@ -85,18 +76,6 @@ std::u16string CacheDataDirectory(const std::string& app_name) {
 }
 
 }  // namespace
-
-const char16_t* ProductName(ProductKind kind) {
-  return kind == ProductKind::Editor ? kEditorProductName : kReaderProductName;
-}
-
-std::u16string ProductKey(std::u16string_view product_name, std::u16string_view version) {
-  std::u16string key(product_name);
-  key += u' ';
-  key += version.substr(0, version.find(u'.'));
-  key += u".0";
-  return key;
-}
 
 bool IsRootDomain(std::u16string_view text) {
   const auto labels = Split(text, u'.', true);
@@ -145,7 +124,18 @@ void EnsureDirectory(const std::u16string& path) {
   if (os::MakeDirectory(path)) os::SetNormalAttributes(path);
 }
 
+bool IsPlainFileName(std::u16string_view name) {
+  if (name.empty() || name == u"." || name == u"..") return false;
+  for (char16_t c : name) {
+    if (c < 0x20 || c == 0x7F) return false;
+    if (std::u16string_view(u"/\\:*?\"<>|").find(c) != std::u16string_view::npos) return false;
+  }
+  return true;
+}
+
 std::u16string GetProductDataDirectory(const std::string& app_name) {
+  const std::u16string folder = Utf8ToUtf16(GetAppFolderName(app_name));
+  if (!IsPlainFileName(folder)) return std::u16string();
   std::u16string dir = os::AppDataDirectory();
   if (dir.empty()) return dir;
   EnsureDirectory(dir);
@@ -153,12 +143,13 @@ std::u16string GetProductDataDirectory(const std::string& app_name) {
   dir += kVendorFolder;
   EnsureDirectory(dir);
   dir += os::kPathSeparator;
-  dir += Utf8ToUtf16(GetAppFolderName(app_name));
+  dir += folder;
   EnsureDirectory(dir);
   return dir;
 }
 
 std::string GetCacheDirectory(const std::u16string& subfolder, const std::string& app_name) {
+  if (!IsPlainFileName(subfolder)) return std::string();
   std::u16string dir = CacheDataDirectory(app_name);
   if (dir.empty()) return std::string();
   dir += os::kPathSeparator;
@@ -177,6 +168,7 @@ std::string GetCacheMarkerPath(const std::string& app_name) {
 }
 
 std::string GetCacheFilePath(const std::u16string& stem, const std::string& app_name) {
+  if (!IsPlainFileName(stem + u".dat")) return std::string();
   std::u16string path = CacheDataDirectory(app_name);
   if (path.empty()) return std::string();
   path += os::kPathSeparator;

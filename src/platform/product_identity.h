@@ -16,11 +16,21 @@ inline constexpr char16_t kEditorProductName[] = u"Tarvo PDF Editor";
 inline constexpr char16_t kReaderProductName[] = u"Tarvo PDF Reader";
 inline constexpr char16_t kVendorFolder[] = u"Tarvo Software";
 
-const char16_t* ProductName(ProductKind kind);
+// The names and the key below need nothing but this header, so the preference
+// store, which sits below the platform, takes them from here too.
+inline const char16_t* ProductName(ProductKind kind) {
+  return kind == ProductKind::Editor ? kEditorProductName : kReaderProductName;
+}
 
 // The product name, a blank, the version up to its first ".", then ".0": every
 // version of one major release shares one key ("7.5.3" gives "... 7.0").
-std::u16string ProductKey(std::u16string_view product_name, std::u16string_view version);
+inline std::u16string ProductKey(std::u16string_view product_name, std::u16string_view version) {
+  std::u16string key(product_name);
+  key += u' ';
+  key += version.substr(0, version.find(u'.'));
+  key += u".0";
+  return key;
+}
 
 // True when the last two labels, or the last label, of the dotted text is one of
 // RootDomainSuffixes, compared without regard to case for A-Z. A text of fewer than
@@ -47,9 +57,17 @@ bool IsDirectory(const std::u16string& path);
 // not reported: they show when a file inside cannot be opened.
 void EnsureDirectory(const std::u16string& path);
 
+// True when the name can stand as one file or folder name inside another folder on
+// both platforms: not empty, not "." or "..", and without a separator, a colon (a
+// drive or a stream), a wildcard, a quote, an angle bracket, a bar or a control
+// character. Names that come from outside go through it before they become a path.
+bool IsPlainFileName(std::u16string_view name);
+
 // <app data>/Tarvo Software/<GetAppFolderName(app)>, each level ensured on the way;
-// empty when the application-data folder is unknown. The cache paths below are then
-// empty as well.
+// empty when the application-data folder is unknown or the folder name isn't a plain
+// file name (so an application name never leads out of the vendor folder). The
+// cache paths below are then empty as well, as they are for a subfolder or stem that
+// isn't plain.
 std::u16string GetProductDataDirectory(const std::string& app_name);
 
 // <product data>/cacheData/<subfolder>/, with the final separator, as UTF-8.

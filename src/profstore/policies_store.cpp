@@ -1,16 +1,13 @@
 #include "profstore/policies_store.h"
 
-#include "profstore/prof_text.h"
+#include "platform/registry_locations.h"
+#include "support/text.h"
 
 namespace tpcsdk {
 namespace {
 
-constexpr char16_t kPoliciesKey[] = u"Software\\Policies";
-
-const char16_t* const kReaderKeys[CPoliciesStoreEx::kProductKeyCount] = {
-    u"Tarvo\\PDFReader", u"Tarvo\\Reader", u"Tarvo\\Reader 9.0", u"Tarvo\\Reader 8.0"};
-const char16_t* const kEditorKeys[CPoliciesStoreEx::kProductKeyCount] = {
-    u"Tarvo\\PDFEditor", u"Tarvo\\BrindlePDF", u"Tarvo\\BrindlePDF 9.0", u"Tarvo\\BrindlePDF 8.0"};
+using reg::kPoliciesKey;
+static_assert(CPoliciesStoreEx::kProductKeyCount == reg::kPolicyProductKeyCount);
 
 // The enumeration buffers: 261 characters of name, 260 bytes of data.
 constexpr uint32_t kEnumNameChars = 261;
@@ -44,7 +41,7 @@ void CPoliciesStoreEx::SetProduct(int32_t editor, const std::u16string& version)
 
 const char16_t* CPoliciesStoreEx::ProductSubKey(int32_t editor, int32_t index) {
   if (static_cast<uint32_t>(index) >= kProductKeyCount) return nullptr;
-  return editor ? kEditorKeys[index] : kReaderKeys[index];
+  return editor ? reg::kEditorPolicyKeys[index] : reg::kReaderPolicyKeys[index];
 }
 
 int32_t CPoliciesStoreEx::FindVersionIndex() {

@@ -2,15 +2,18 @@
 
 #include "os/paths.h"
 #include "os/registry.h"
-#include "profstore/prof_text.h"
+#include "platform/registry_locations.h"
 #include "support/guard.h"
+#include "support/text.h"
 
 namespace tpcsdk {
 namespace {
 
+// The file's section of every item, and the policy sub-keys.
 constexpr char16_t kPreferences[] = u"Preferences";
-constexpr char16_t kTdoc[] = u"TDOC";
-constexpr char16_t kTdocPreferences[] = u"TDOC\\Preferences";
+using reg::kPolicyPreferences;
+using reg::kPolicyTdoc;
+using reg::kPolicyTdocPreferences;
 
 CProfstoreEx* g_profstore = nullptr;
 
@@ -66,8 +69,7 @@ void CProfstoreEx::Destroy(unsigned int flags) {
 }
 
 std::u16string CProfstoreEx::ApplicationKey() const {
-  return std::u16string(u"SOFTWARE\\Tarvo Software\\") +
-         (m_nProductKind == 0 ? u"Tarvo PDF Reader" : u"Tarvo PDF Editor");
+  return reg::ProductKeyAllVersions(m_nProductKind == 0 ? ProductKind::Reader : ProductKind::Editor);
 }
 
 // The first source that holds the text wins: file, machine policy, user policy.
@@ -97,7 +99,7 @@ int CProfstoreEx::FlagShape(const char16_t* sub_key, const char16_t* name, bool&
 
 int CProfstoreEx::RawModeShape(const char16_t* name, int32_t& out) {
   int32_t value = 0;
-  if (!m_pManager->ReadModeValue(kPreferences, name, "Mode", &value)) return 0;
+  if (!m_pManager->ReadModeValue(kPolicyPreferences, name, "Mode", &value)) return 0;
   out = value;
   return 1;
 }
@@ -127,23 +129,25 @@ std::vector<std::u16string> CProfstoreEx::ListShape(const char16_t* section, con
 }
 
 int CProfstoreEx::GetPrinterName(std::u16string& out) {
-  return Guarded(0, [&] { return TextShape(u"PrinterName", "Title", kPreferences, u"PrinterName", out); });
+  return Guarded(0, [&] {
+    return TextShape(u"PrinterName", "Title", kPolicyPreferences, reg::kPolicyPrinterName, out);
+  });
 }
 
 int CProfstoreEx::GetDistName(std::u16string& out) {
-  return Guarded(0, [&] { return TextShape(u"DistName", "Title", kPreferences, u"DistName", out); });
+  return Guarded(0, [&] { return TextShape(u"DistName", "Title", kPolicyPreferences, reg::kPolicyDistName, out); });
 }
 
 int CProfstoreEx::GetMainFrameName(std::u16string& out) {
   // The file's item and the policy's value name differ in the case of one letter.
   return Guarded(0, [&] {
-    return TextShape(u"MainFrameName", "Title", kPreferences, u"MainframeName", out);
+    return TextShape(u"MainFrameName", "Title", kPolicyPreferences, reg::kPolicyMainFrameName, out);
   });
 }
 
 int CProfstoreEx::GetModuleArray(std::u16string& out) {
   return Guarded(0, [&] {
-    const auto list = ListShape(u"Modules", u"Default", "ModuleArray", u"Modules", false);
+    const auto list = ListShape(u"Modules", u"Default", "ModuleArray", reg::kPolicyModules, false);
     if (list.empty()) return 0;
     std::u16string joined;
     for (const auto& item : list) joined += item + u";";
@@ -155,18 +159,18 @@ int CProfstoreEx::GetModuleArray(std::u16string& out) {
 int CProfstoreEx::GetDisableInternet(int32_t& out) {
   return Guarded(0, [&] {
     int32_t mode = 0;
-    if (m_pManager->ReadModeValue(kPreferences, u"InternetConnection", "Mode", &mode)) {
+    if (m_pManager->ReadModeValue(kPolicyPreferences, reg::kPolicyInternetConnection, "Mode", &mode)) {
       // The stored mode says the connection is on; the question is whether it is off.
       out = mode == 0 ? 1 : 0;
       return 1;
     }
     std::u16string path = ApplicationKey();
     const std::u16string machine =
-        ReadApplicationString(os::RegRoot::kLocalMachine, path, u"bDisableInternet");
+        ReadApplicationString(os::RegRoot::kLocalMachine, path, reg::kDisableInternetValue);
     if (!machine.empty()) out = TextToInt(machine);
     if (out == 0) {
-      path += u"\\" + m_strVersion + u"\\Preferences\\General";
-      out = TextToInt(ReadApplicationString(os::RegRoot::kCurrentUser, path, u"bDisableInternet"));
+      path += u"\\" + m_strVersion + reg::kGeneralPreferencesKey;
+      out = TextToInt(ReadApplicationString(os::RegRoot::kCurrentUser, path, reg::kDisableInternetValue));
     }
     return 0;  // the value wasn't laid down by the file or a policy, though out is set
   });
@@ -175,7 +179,7 @@ int CProfstoreEx::GetDisableInternet(int32_t& out) {
 int CProfstoreEx::GetTDOCServerURL(std::u16string& out) {
   return Guarded(0, [&] {
     std::u16string text;
-    if (!TextShape(u"TDOCServer", "String", kTdoc, u"TDOCServer", text)) return 0;
+    if (!TextShape(u"TDOCServer", "String", kPolicyTdoc, reg::kPolicyServiceUrl, text)) return 0;
     text = TrimText(text);
     if (text.empty()) return 0;
     out = std::move(text);
@@ -186,24 +190,24 @@ int CProfstoreEx::GetTDOCServerURL(std::u16string& out) {
 int CProfstoreEx::GetCollectData(int32_t& out) {
   return Guarded(0, [&] {
     int32_t mode = 0;
-    if (m_pManager->ReadModeValue(kPreferences, u"CollectData", "Mode", &mode)) {
+    if (m_pManager->ReadModeValue(kPolicyPreferences, reg::kPolicyCollectData, "Mode", &mode)) {
       out = mode != 0 ? 1 : 0;
       return 1;
     }
-    const std::u16string path = ApplicationKey() + u"\\" + m_strVersion + u"\\Preferences\\General";
-    out = TextToInt(ReadApplicationString(os::RegRoot::kCurrentUser, path, u"bCollectData"));
+    const std::u16string path = ApplicationKey() + u"\\" + m_strVersion + reg::kGeneralPreferencesKey;
+    out = TextToInt(ReadApplicationString(os::RegRoot::kCurrentUser, path, reg::kCollectDataValue));
     return 0;
   });
 }
 
 int CProfstoreEx::GetInternalUpdate(std::u16string& out) {
-  return Guarded(0, [&] { return TextShape(u"InternalUpdate", "String", kTdoc, u"InternalUpdate", out); });
+  return Guarded(0, [&] { return TextShape(u"InternalUpdate", "String", kPolicyTdoc, reg::kPolicyInternalUpdate, out); });
 }
 
 int CProfstoreEx::GetECMPluginArray(std::vector<std::u16string>& out) {
   return Guarded(0, [&] {
-    auto list = ListShape(u"ECMPlugins", u"Plugin", "ECMPluginArray",
-                          u"Preferences\\InternetConnectionExcepMenu", true);
+    auto list =
+        ListShape(u"ECMPlugins", u"Plugin", "ECMPluginArray", reg::kPolicyConnectionExceptions, true);
     if (list.empty()) return 0;
     out = std::move(list);
     return 1;
@@ -212,7 +216,7 @@ int CProfstoreEx::GetECMPluginArray(std::vector<std::u16string>& out) {
 
 int CProfstoreEx::GetUnloadPluginArray(std::vector<std::u16string>& out) {
   return Guarded(0, [&] {
-    auto list = ListShape(u"Plugins", u"Plugin", "UnloadPluginArray", u"Plugins", false);
+    auto list = ListShape(u"Plugins", u"Plugin", "UnloadPluginArray", reg::kPolicyPlugins, false);
     if (list.empty()) return 0;
     out = std::move(list);
     return 1;
@@ -220,15 +224,17 @@ int CProfstoreEx::GetUnloadPluginArray(std::vector<std::u16string>& out) {
 }
 
 int CProfstoreEx::GetTutorialsUrl(std::u16string& out) {
-  return Guarded(0, [&] { return TextShape(u"TutorialsUrl", "String", kPreferences, u"TutorialsUrl", out); });
+  return Guarded(0, [&] {
+    return TextShape(u"TutorialsUrl", "String", kPolicyPreferences, reg::kPolicyTutorialsUrl, out);
+  });
 }
 
 int CProfstoreEx::GetAddinSettings(int32_t& outputPdf, int32_t& viewPdf, int32_t& attachments) {
   return Guarded(0, [&] {
     int found = 0;
-    const std::pair<const char16_t*, int32_t*> reads[] = {{u"bCheckAddinOutputPDF", &outputPdf},
-                                                          {u"bCheckAddinViewPDF", &viewPdf},
-                                                          {u"bCheckAddinAttachments", &attachments}};
+    const std::pair<const char16_t*, int32_t*> reads[] = {{reg::kPolicyCheckAddinOutputPdf, &outputPdf},
+                                                          {reg::kPolicyCheckAddinViewPdf, &viewPdf},
+                                                          {reg::kPolicyCheckAddinAttachments, &attachments}};
     for (const auto& [name, target] : reads) {
       int32_t value = 0;
       if (RawModeShape(name, value)) {
@@ -241,15 +247,15 @@ int CProfstoreEx::GetAddinSettings(int32_t& outputPdf, int32_t& viewPdf, int32_t
 }
 
 int CProfstoreEx::GetCheckAddinOutputPDF(int32_t& out) {
-  return Guarded(0, [&] { return RawModeShape(u"bCheckAddinOutputPDF", out); });
+  return Guarded(0, [&] { return RawModeShape(reg::kPolicyCheckAddinOutputPdf, out); });
 }
 
 int CProfstoreEx::GetCheckAddinViewPDF(int32_t& out) {
-  return Guarded(0, [&] { return RawModeShape(u"bCheckAddinViewPDF", out); });
+  return Guarded(0, [&] { return RawModeShape(reg::kPolicyCheckAddinViewPdf, out); });
 }
 
 int CProfstoreEx::GetCheckAddinAttachments(int32_t& out) {
-  return Guarded(0, [&] { return RawModeShape(u"bCheckAddinAttachments", out); });
+  return Guarded(0, [&] { return RawModeShape(reg::kPolicyCheckAddinAttachments, out); });
 }
 
 // One end of the creator's port range: the file's attribute (blanks only is a miss
@@ -265,8 +271,8 @@ bool CProfstoreEx::PortRangeEnd(const char* attr, const char16_t* value, int32_t
   CPoliciesStoreEx& policies = m_pManager->Policies();
   const int32_t index = policies.FindVersionIndex();
   uint32_t v = 0;
-  if (policies.ReadDword(kPreferences, value, v, index, CPoliciesStoreEx::kMachine) ||
-      policies.ReadDword(kPreferences, value, v, index, CPoliciesStoreEx::kUser)) {
+  if (policies.ReadDword(kPolicyPreferences, value, v, index, CPoliciesStoreEx::kMachine) ||
+      policies.ReadDword(kPolicyPreferences, value, v, index, CPoliciesStoreEx::kUser)) {
     out = static_cast<int32_t>(v);
     return true;
   }
@@ -276,8 +282,8 @@ bool CProfstoreEx::PortRangeEnd(const char* attr, const char16_t* value, int32_t
 int CProfstoreEx::GetCreatorPortRange(int32_t& min, int32_t& max) {
   return Guarded(0, [&] {
     int32_t lo = 0, hi = 0;
-    const bool has_lo = PortRangeEnd("Min", u"CreatorPortRangeMin", lo);
-    const bool has_hi = PortRangeEnd("Max", u"CreatorPortRangeMax", hi);
+    const bool has_lo = PortRangeEnd("Min", reg::kPolicyCreatorPortRangeMin, lo);
+    const bool has_hi = PortRangeEnd("Max", reg::kPolicyCreatorPortRangeMax, hi);
     if (!has_lo || !has_hi || static_cast<uint32_t>(lo) > static_cast<uint32_t>(hi)) return 0;
     min = lo;
     max = hi;
@@ -286,23 +292,23 @@ int CProfstoreEx::GetCreatorPortRange(int32_t& min, int32_t& max) {
 }
 
 int CProfstoreEx::GetDisableTetherdoc(bool& out) {
-  return Guarded(0, [&] { return FlagShape(kTdoc, u"disableTetherdoc", out); });
+  return Guarded(0, [&] { return FlagShape(kPolicyTdoc, reg::kPolicyDisableTetherdoc, out); });
 }
 
 int CProfstoreEx::GetGPOAppendMode(bool& out) {
-  return Guarded(0, [&] { return FlagShape(kPreferences, u"GPOAppendMode", out); });
+  return Guarded(0, [&] { return FlagShape(kPolicyPreferences, reg::kPolicyGpoAppendMode, out); });
 }
 
 int CProfstoreEx::GetAutoConvertTetherdoc(bool& out) {
-  return Guarded(0, [&] { return FlagShape(kTdocPreferences, u"AutoConvertTetherdoc", out); });
+  return Guarded(0, [&] { return FlagShape(kPolicyTdocPreferences, reg::kPolicyAutoConvertTetherdoc, out); });
 }
 
 int CProfstoreEx::GetOfficeAutoConvertTetherdoc(bool& out) {
-  return Guarded(0, [&] { return FlagShape(kTdocPreferences, u"OfficeAutoConvertTetherdoc", out); });
+  return Guarded(0, [&] { return FlagShape(kPolicyTdocPreferences, reg::kPolicyOfficeAutoConvertTetherdoc, out); });
 }
 
 int CProfstoreEx::GetDisableMajorUpdate(bool& out) {
-  return Guarded(0, [&] { return FlagShape(kPreferences, u"DisableMajorUpdate", out); });
+  return Guarded(0, [&] { return FlagShape(kPolicyPreferences, reg::kPolicyDisableMajorUpdate, out); });
 }
 
 IProfstore* GetProfStoreEx(int32_t kind, const std::u16string& path, const std::u16string& version) {

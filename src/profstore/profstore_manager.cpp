@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "os/paths.h"
-#include "profstore/prof_text.h"
+#include "support/text.h"
 
 namespace tpcsdk {
 namespace {

@@ -1,6 +1,6 @@
 #include "profstore/xml_profstore.h"
 
-#include "profstore/prof_text.h"
+#include "support/text.h"
 #include "support/utf.h"
 
 namespace tpcsdk {

@@ -73,6 +73,20 @@ std::time_t ToTime(const std::string (&fields)[6]) {
   return std::mktime(&t);
 }
 
+// True when the host holds only what a host name may: ASCII letters, digits, "-" and
+// ".", with no empty label inside. The entry's file is named by it, so nothing else
+// (a separator, "..", an escape left in or decoded by the URL cracking) may reach the
+// path. The empty host of a URL that can't be taken apart passes: its entry is ".dat".
+bool IsPlainHostName(std::u16string_view host) {
+  if (host.find(u"..") != std::u16string_view::npos || (!host.empty() && host.front() == u'.')) return false;
+  for (char16_t c : host) {
+    const bool letter = (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z');
+    const bool digit = c >= u'0' && c <= u'9';
+    if (!letter && !digit && c != u'-' && c != u'.') return false;
+  }
+  return true;
+}
+
 void DeleteEntry(const std::u16string& path) {
   if (!os::RemoveFile(path)) os::RemoveFile(path);
 }
@@ -99,7 +113,7 @@ bool IsCacheFresh(std::string_view cache_time, std::string_view now) {
 
 std::u16string GetHostNameOfUrl(std::u16string_view url) {
   os::HttpUrlParts parts;
-  if (!os::HttpCrackUrl(url, false, &parts, kHostComponentLimit)) return std::u16string();
+  if (!os::HttpCrackUrl(url, true, &parts, kHostComponentLimit)) return std::u16string();
   return parts.host;
 }
 
@@ -107,11 +121,25 @@ ApiCache::ApiCache(std::string app_name, DiagnosticLog* log, std::function<std::
     : app_name_(std::move(app_name)), log_(log), now_(now ? std::move(now) : std::function<std::string()>(NowString)) {}
 
 std::u16string ApiCache::EntryPath(std::u16string_view host) const {
-  return Utf8ToUtf16(GetCacheFilePath(GetHostNameOfUrl(host), app_name_));
+  const std::u16string name = GetHostNameOfUrl(host);
+  if (!IsPlainHostName(name)) return std::u16string();
+  return Utf8ToUtf16(GetCacheFilePath(name, app_name_));
+}
+
+// The entry's path, or empty with a log line saying why the host has no entry.
+std::u16string ApiCache::CheckedEntryPath(std::u16string_view host) const {
+  const std::u16string path = EntryPath(host);
+  if (!path.empty() || !log_) return path;
+  const std::u16string name = GetHostNameOfUrl(host);
+  if (!IsPlainHostName(name))
+    log_->Write("Api cache not used: the host name is not a plain host name: %s", Utf16ToUtf8(name).c_str());
+  else if (!IsPlainFileName(Utf8ToUtf16(GetAppFolderName(app_name_))))
+    log_->Write("Api cache not used: the application name is not a plain folder name: %s", app_name_.c_str());
+  return path;
 }
 
 std::string ApiCache::GetCacheApi(std::u16string_view host) const {
-  const std::u16string path = EntryPath(host);
+  const std::u16string path = CheckedEntryPath(host);
   if (path.empty()) return std::string();
   std::FILE* file = os::OpenStdioFile(path, "r+", true);
   if (!file) return std::string();
@@ -157,7 +185,7 @@ std::string ApiCache::GetCacheApi(std::u16string_view host) const {
 }
 
 void ApiCache::SetCacheApi(std::u16string_view host, const std::string& text) const {
-  const std::u16string path = EntryPath(host);
+  const std::u16string path = CheckedEntryPath(host);
   if (path.empty()) return;
   std::FILE* file = os::OpenStdioFile(path, "at+", true);
   if (!file) return;

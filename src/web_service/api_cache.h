@@ -35,8 +35,8 @@ std::string NowString();
 bool IsCacheFresh(std::string_view cache_time, std::string_view now);
 
 // The host component of an http or https URL, as the HTTP client's URL cracking
-// gives it (no scheme, user, port or path); empty when the URL cannot be taken
-// apart, for example without a scheme.
+// gives it with escapes decoded (no scheme, user, port or path); empty when the URL
+// cannot be taken apart, for example without a scheme.
 std::u16string GetHostNameOfUrl(std::u16string_view url);
 
 class ApiCache {
@@ -58,10 +58,14 @@ class ApiCache {
   void SetCacheApi(std::u16string_view host, const std::string& text) const;
 
   // The entry's file path for a host URL (UTF-16); empty when the application-data
-  // folder is unknown.
+  // folder is unknown, or when the host name holds anything but ASCII letters,
+  // digits, "-" and "." (or an empty label), or the application's folder name isn't a
+  // plain folder name. A host without an entry is neither read nor written.
   std::u16string EntryPath(std::u16string_view host) const;
 
  private:
+  std::u16string CheckedEntryPath(std::u16string_view host) const;
+
   std::string app_name_;
   DiagnosticLog* log_;
   std::function<std::string()> now_;

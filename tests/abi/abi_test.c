@@ -136,7 +136,10 @@ int main(void) {
     Check(v->GetServerByDomain(platform, kDomain) == NULL, "no client for an unknown domain");
     Check(v->InitApi(platform, NULL, NULL, NULL) == TDC_HRESULT_FAILED, "InitApi with null host");
     v->StopAllRequest(platform);
-    Check(1, "StopAllRequest with no clients returns");
+    domain = NULL;
+    Check(v->GetCurrentDomain(platform, &domain) == TDC_HRESULT_OK && SameWide(domain, "https://d.example") &&
+              releaseWide && releaseWide(domain) == TDC_HRESULT_OK,
+          "StopAllRequest with no clients leaves the platform's state as it was");
   }
 
   GrayLogFn grayLog = (GrayLogFn)Symbol(module, "TDC_UpLoadGrayLog");

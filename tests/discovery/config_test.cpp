@@ -43,18 +43,12 @@ INSTANTIATE_TEST_SUITE_P(
         LoggingCase{"NoFileMarker", nullptr, true, "Tarvo PDF Reader"},
         LoggingCase{"EmptyObjectAndMarker", "{}", true, nullptr},
         LoggingCase{"EmptyFileAndMarker", "", true, nullptr},
-        LoggingCase{"NotJsonAndMarker", "logfile=on", true, nullptr},
         LoggingCase{"CapitalOn", R"({"logfile":"ON"})", false, nullptr},
-        LoggingCase{"OnWithBlank", R"({"logfile":"on "})", false, nullptr},
         LoggingCase{"On", R"({"logfile":"on"})", false, "Tarvo PDF Reader"},
-        LoggingCase{"OnForTheEditor", R"({"logfile":"on","appType":"BrindlePDF 12"})", false,
+        LoggingCase{"AppTypeBrindleLogsForTheEditor", R"({"logfile":"on","appType":"BrindlePDF 12"})", false,
                     "Tarvo PDF Editor"},
-        LoggingCase{"OnForAnotherApp", R"({"logfile":"on","appType":"Editor"})", false,
-                    "Tarvo PDF Reader"},
         // A member of the wrong type stops the reading; nothing escapes the constructor.
-        LoggingCase{"LogfileArray", R"({"logfile":["on"]})", true, nullptr},
-        LoggingCase{"AppTypeObjectAfterOn", R"({"logfile":"on","appType":{}})", false,
-                    "Tarvo PDF Reader"}),
+        LoggingCase{"LogfileArray", R"({"logfile":["on"]})", true, nullptr}),
     [](const auto& info) { return std::string(info.param.name); });
 
 struct HostCase {
@@ -82,13 +76,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(HostCase{"NoFile", nullptr, true, kDefaultHost},
                       HostCase{"Env", R"({"env":"https://env.example.com"})", false, u"https://env.example.com"},
                       HostCase{"EnvEmpty", R"({"env":""})", true, kDefaultHost},
-                      HostCase{"EnvNull", R"({"env":null})", true, kDefaultHost},
-                      HostCase{"EnvNumber", R"({"env":8080})", false, u"8080"},
-                      HostCase{"EnvTrue", R"({"env":true})", false, u"true"},
                       HostCase{"NotJson", "env=https://env.example.com", true, kDefaultHost},
-                      HostCase{"ArrayRoot", R"(["https://env.example.com"])", true, kDefaultHost},
-                      HostCase{"EmptyFile", "", true, kDefaultHost},
-                      HostCase{"OnlyUpd", R"({"upd":"https://upd.example.com"})", true, kDefaultHost}),
+                      HostCase{"EmptyFile", "", true, kDefaultHost}),
     [](const auto& info) { return std::string(info.param.name); });
 
 class UpdateHostFromFile : public DiscoveryTest, public ::testing::WithParamInterface<HostCase> {};
@@ -114,9 +103,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(HostCase{"NoFile", nullptr, true, u"https://dns-upd.b.com"},
                       HostCase{"Upd", R"({"upd":"https://upd.example.com"})", false, u"https://upd.example.com"},
                       HostCase{"NoUpd", R"({"env":"https://env.example.com"})", false, u""},
-                      HostCase{"UpdEmpty", R"({"upd":""})", false, u""},
-                      HostCase{"EmptyFile", "", false, u""},
-                      HostCase{"NotJson", "upd", false, u""}),
+                      HostCase{"EmptyFile", "", false, u""}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(DiscoveryTest, MemberOfTheWrongTypeFailsTheSlotWithoutTouchingOut) {

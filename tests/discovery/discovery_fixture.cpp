@@ -37,13 +37,13 @@ long FakeDirectory::QueryTxt(const std::u16string& name, os::DnsTxtAnswer& answe
 
 void DiscoveryTest::SetUp() {
   appdata_env_.emplace(os::kAppDataOverrideVariable, appdata_.path().u8string());
-  hives_env_.emplace(os::kRegistryDirVariable, hives_.path().u8string());
+  registry_.emplace(hives_.path());
+  ASSERT_TRUE(registry_->ok()) << "no private registry: nothing is written";
   for (const char* product : {"Tarvo PDF Reader", "Tarvo PDF Editor"})
     fs::create_directories(appdata_.path() / "Tarvo Software" / product);
   os::SetIdentityProviderForTest(&directory_);
   os::SetDnsResolverForTest(&directory_);
   RemoveConfig();
-  ClearRegistry();
 }
 
 void DiscoveryTest::TearDown() {
@@ -51,7 +51,7 @@ void DiscoveryTest::TearDown() {
   os::SetIdentityProviderForTest(nullptr);
   os::SetDnsResolverForTest(nullptr);
   RemoveConfig();
-  ClearRegistry();
+  registry_.reset();
 }
 
 void DiscoveryTest::WriteConfig(const std::string& bytes) { testkit::WriteFile(fs::path(ConfigFilePath()), bytes); }

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "kit/private_registry.h"
 #include "kit/testkit.h"
 #include "os/dns.h"
 #include "os/identity.h"
@@ -118,7 +119,7 @@ class DiscoveryTest : public ::testing::Test {
   Found Slot9(const std::u16string& app, const std::u16string& user);
   int Slot10(const std::u16string& app);
 
-  // Registry values; every test starts and ends without the product's keys.
+  // Registry values, in a registry of the test's own that starts empty.
   static void ClearRegistry();
   static void SetValue(tpcsdk::os::RegRoot root, const std::u16string& key, const std::u16string& name,
                        const std::u16string& value);
@@ -126,7 +127,8 @@ class DiscoveryTest : public ::testing::Test {
   FakeDirectory directory_;
   testkit::TempDir appdata_;
   testkit::TempDir hives_;
-  std::optional<testkit::ScopedEnv> appdata_env_, hives_env_;
+  std::optional<testkit::ScopedEnv> appdata_env_;
+  std::optional<testkit::PrivateRegistry> registry_;
 
  private:
   std::unique_ptr<tpcsdk::TDOCPlatform> platform_;

@@ -1,7 +1,6 @@
 // Slots 7 to 10 against the registry (wine's, or JSON hives on Linux) and a real
 // ProfStore.xml: tenant value, preference store, DisableFindHost, last sign-in and
 // the enterprise test.
-#include <atomic>
 #include <thread>
 
 #include "discovery_fixture.h"
@@ -65,7 +64,7 @@ struct TenantCase {
 
 class TenantValue : public PolicyTest, public ::testing::WithParamInterface<TenantCase> {};
 
-TEST_P(TenantValue, IsTheHostOfTheProductTheApplicationNames) {
+TEST_P(TenantValue, IsReadFromTheProductKeyTheApplicationNameSelects) {
   SetTenant(GetParam().product, u"https://tenant.example.com");
   SetTenant(GetParam().product == kEditor ? kReader : kEditor, u"https://other.example.com");
   NewPlatform();
@@ -73,10 +72,9 @@ TEST_P(TenantValue, IsTheHostOfTheProductTheApplicationNames) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Applications, TenantValue,
-                         ::testing::Values(TenantCase{"BrindlePDF", u"Tarvo BrindlePDF", kEditor},
-                                           TenantCase{"AnyEditor", u"My Editor", kEditor},
-                                           TenantCase{"Reader", u"Tarvo Reader", kReader},
-                                           TenantCase{"Empty", u"", kReader}),
+                         ::testing::Values(TenantCase{"BrindlePDFSelectsTheEditorsKey", u"Tarvo BrindlePDF", kEditor},
+                                           TenantCase{"WordEditorSelectsTheEditorsKey", u"My Editor", kEditor},
+                                           TenantCase{"AnyOtherNameSelectsTheReadersKey", u"Tarvo Reader", kReader}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(PolicyTest, TenantValueLeavesThePreferenceStoreUnmade) {
@@ -136,10 +134,6 @@ INSTANTIATE_TEST_SUITE_P(
         StoreCase{"File", Item("TDOCServer", " https://file.example.com "), u"https://policy",
                   TDC_HRESULT_OK, u"https://file.example.com",
                   {"GetRecordHostFromGPO ProfStore success:", "GetRecordHostFromGPO: Host = https://file.example.com"}},
-        StoreCase{"MachinePolicy", "", u"https://policy.example.com",
-                  TDC_HRESULT_OK, u"https://policy.example.com",
-                  {"GetRecordHostFromGPO ProfStore success:",
-                   "GetRecordHostFromGPO: Host = https://policy.example.com"}},
         // The store counts a blank value as none: a failed read.
         StoreCase{"BlankInFile", Item("TDOCServer", "  "), u"https://policy",
                   TDC_HRESULT_FAILED, u"",
@@ -188,13 +182,11 @@ TEST_P(FindHostSwitch, TakesEffectInSlotsFiveAndSixOnceSlotSevenReadIt) {
 
 INSTANTIATE_TEST_SUITE_P(
     Values, FindHostSwitch,
-    ::testing::Values(DisableCase{"True", u"True", kReader, u"Tarvo Reader", true},
-                      DisableCase{"SmallLetters", u"true", kReader, u"Tarvo Reader", true},
-                      DisableCase{"Capitals", u"TRUE", kEditor, u"Tarvo BrindlePDF", true},
-                      DisableCase{"One", u"1", kReader, u"Tarvo Reader", false},
-                      DisableCase{"TrueWithBlank", u"true ", kReader, u"Tarvo Reader", false},
+    ::testing::Values(DisableCase{"TrueInSmallLetters", u"true", kReader, u"Tarvo Reader", true},
+                      DisableCase{"BrindlePDFReadsTheEditorsSwitch", u"TRUE", kEditor, u"Tarvo BrindlePDF", true},
+                      DisableCase{"OneIsNotTrue", u"1", kReader, u"Tarvo Reader", false},
                       // "Editor" alone doesn't make the Editor here: the Reader's key is read.
-                      DisableCase{"EditorByName", u"true", kEditor, u"Tarvo PDF Editor", false}),
+                      DisableCase{"WordEditorAloneReadsTheReadersSwitch", u"true", kEditor, u"Tarvo PDF Editor", false}),
     [](const auto& info) { return std::string(info.param.name); });
 
 struct LoginCase {
@@ -226,8 +218,6 @@ INSTANTIATE_TEST_SUITE_P(
                   TDC_HRESULT_OK, u"https://a.example.com"},
         LoginCase{"TwoSkipped", {{u"https://a.example.com", u"2"}, {u"https://b.example.com", u"1"}}, u"",
                   TDC_HRESULT_OK, u"https://b.example.com"},
-        LoginCase{"NoneMarked", {{u"https://a.example.com", u"0"}, {u"https://b.example.com", u"11"}}, u"",
-                  TDC_HRESULT_FAILED, u""},
         LoginCase{"NoValues", {}, u"", TDC_HRESULT_FAILED, u""},
         LoginCase{"OtherUser", {{u"https://u.example.com", u"1"}}, kSid, TDC_HRESULT_OK, u"https://u.example.com"}),
     [](const auto& info) { return std::string(info.param.name); });
@@ -280,12 +270,10 @@ INSTANTIATE_TEST_SUITE_P(
     Sources, EnterpriseEnv,
     ::testing::Values(
         EnterpriseCase{"RegistryTestBeatsTenant", u"TRUE", u"https://t", u"", std::nullopt, false, false, 0},
-        EnterpriseCase{"RegistryTestFalse", u"false", u"https://t", u"", std::nullopt, false, false, 1},
         EnterpriseCase{"Tenant", u"", u"https://t", u"", std::nullopt, false, false, 1},
         EnterpriseCase{"PolicyIsRegional", u"", u"", kRegionalInCapitals, R"({"env":"https://e"})", false, false, 0},
         EnterpriseCase{"PolicyElsewhere", u"", u"", u"https://p", std::nullopt, false, false, 1},
         EnterpriseCase{"FileEnv", u"", u"", u"", R"({"env":"https://e"})", false, false, 1},
-        EnterpriseCase{"FileEnvRegional", u"", u"", u"", std::string(R"({"env":")") + TPCSDK_REGIONAL_CONFIG_HOST + "\"}", false, false, 0},
         EnterpriseCase{"FileTestExact", u"", u"", u"", R"({"env":"https://e","Test":"true"})", false, false, 0},
         EnterpriseCase{"FileTestCapitals", u"", u"", u"", R"({"env":"https://e","Test":"TRUE"})", false, false, 1},
         EnterpriseCase{"NothingAnywhere", u"", u"", u"", std::nullopt, false, false, 0},
@@ -302,23 +290,28 @@ TEST_F(PolicyTest, SlotsNineAndTenRunWhileALookUpHoldsTheLock) {
     release.WaitFor(std::chrono::seconds(30));
   };
   NewPlatform();
-  std::atomic<bool> update_done{false};
   std::thread service([&] { Slot5(); });
   ASSERT_TRUE(in_dns.WaitFor(std::chrono::seconds(10)));
   // Slot 6 would answer from the file at once, but has to wait for the lock.
   WriteConfig(R"({"upd":"https://upd.example.com"})");
-  std::thread update([&] {
-    Slot6();
-    update_done = true;
+  testkit::Signal update_started, update_done;
+  Found update{};
+  std::thread update_thread([&] {
+    update_started.Set();
+    update = Slot6();
+    update_done.Set();
   });
+  ASSERT_TRUE(update_started.WaitFor(std::chrono::seconds(10)));
   // Slot 9 and slot 10 (answering from the tenant value) take no lock.
   EXPECT_EQ(Slot9(u"Tarvo Reader", u"").result, TDC_HRESULT_FAILED);
   EXPECT_EQ(Slot10(u"Tarvo Reader"), 1);
-  EXPECT_FALSE(update_done);
+  // Slot 6 has been running all this while and is still held at the lock.
+  EXPECT_FALSE(update_done.WaitFor(std::chrono::milliseconds(200)));
   release.Set();
   service.join();
-  update.join();
-  EXPECT_TRUE(update_done);
+  EXPECT_TRUE(update_done.WaitFor(std::chrono::seconds(10)));
+  update_thread.join();
+  EXPECT_EQ(update, (Found{TDC_HRESULT_OK, u"https://upd.example.com"}));
 }
 
 }  // namespace

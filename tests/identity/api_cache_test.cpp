@@ -158,3 +158,53 @@ TEST_F(Cache, CorruptFilesAreRejectedAndDeleted) {
     EXPECT_FALSE(fs::exists(file));
   }
 }
+
+// Host names and application names from outside never lead the cache out of its
+// folder: anything but a plain name means no entry, a log line, and no file touched.
+struct Escape {
+  const char* name;
+  std::u16string host;
+  std::string app;
+  const char* logged;  // the start of the line that says why
+};
+
+class CacheEscape : public Cache, public ::testing::WithParamInterface<Escape> {};
+
+TEST_P(CacheEscape, StaysInItsFolderAndLeavesOtherFilesAlone) {
+  const Escape& c = GetParam();
+  // What a path that climbs out of cacheData (or of the vendor folder) would reach.
+  const fs::path victim = tmp.path() / "victim.dat";
+  testkit::WriteFile(victim, "keep");
+  testkit::TempDir logdir;
+  DiagnosticLog log;
+  ASSERT_TRUE(log.OpenPath((logdir / "x.log").u16string()));
+  const ApiCache escaping(c.app, &log, [this] { return clock; });
+  EXPECT_TRUE(escaping.EntryPath(c.host).empty());
+  escaping.SetCacheApi(c.host, kDirectory);
+  EXPECT_EQ(escaping.GetCacheApi(c.host), "");
+  log.Close();
+
+  EXPECT_EQ(testkit::ReadFile(victim), "keep");
+  for (const auto& entry : fs::recursive_directory_iterator(tmp.path())) {
+    if (entry.is_regular_file()) {
+      EXPECT_EQ(entry.path(), victim);
+    }
+  }
+  const std::string text = testkit::ReadFile(logdir / "x.log");
+  EXPECT_NE(text.find(std::string("]Api cache not used: ") + c.logged), std::string::npos) << text;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, CacheEscape,
+    ::testing::Values(
+        Escape{"EscapedSlashes", u"https://..%2F..%2F..%2Fvictim/", "Tarvo Reader", "the host name"},
+        Escape{"EscapedBackslashes", u"https://..%5C..%5C..%5Cvictim/", "Tarvo Reader", "the host name"},
+        Escape{"EscapedDots", u"https://%2E%2E/", "Tarvo Reader", "the host name"},
+        Escape{"LeadingDot", u"https://.victim/", "Tarvo Reader", "the host name"},
+        Escape{"Underscore", u"https://a_b.example/", "Tarvo Reader", "the host name"},
+        Escape{"NonAscii", u"https://b\u00FCcher.example/", "Tarvo Reader", "the host name"},
+        Escape{"AppClimbsUp", u"https://h.example", "../../victim", "the application name"},
+        Escape{"AppClimbsUpWithBackslashes", u"https://h.example", "..\\..\\victim", "the application name"},
+        Escape{"AppIsParent", u"https://h.example", "..", "the application name"},
+        Escape{"AppWithColon", u"https://h.example", "C:victim", "the application name"}),
+    [](const auto& info) { return std::string(info.param.name); });

@@ -10,7 +10,6 @@
 #include <unistd.h>
 #endif
 
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -19,6 +18,8 @@
 #ifdef TPCSDK_TESTKIT_INPROCESS_EMULATOR
 #include "emulator/emulator.h"
 #endif
+
+#include "support/text.h"
 
 namespace testkit {
 namespace {
@@ -51,15 +52,7 @@ void SetTimeout(Socket s, int ms) {
 }
 #endif
 
-bool EqualsNoCase(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (std::tolower(static_cast<unsigned char>(a[i])) !=
-        std::tolower(static_cast<unsigned char>(b[i])))
-      return false;
-  }
-  return true;
-}
+using tpcsdk::EqualsNoCase;
 
 std::string Base64Decode(const std::string& text) {
   static const char kAlphabet[] =

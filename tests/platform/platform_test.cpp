@@ -88,8 +88,12 @@ TEST(Platform, NullArgumentsAreRefusedNotFollowed) {
   EXPECT_EQ(Platform()->GetCurrentDomain(nullptr), TDC_HRESULT_FAILED);
   EXPECT_EQ(Platform()->GetServerByHost(nullptr), nullptr);
   EXPECT_EQ(Platform()->GetServerByDomain(nullptr), nullptr);
+  // A null domain clears the current one, as the empty text does.
+  Platform()->SetCurrentDomain(W(u"https://d.example"));
   Platform()->SetCurrentDomain(nullptr);
-  Platform()->StopAllRequest();
+  TDC_LPWSTR out = nullptr;
+  EXPECT_EQ(Platform()->GetCurrentDomain(&out), TDC_HRESULT_FAILED);
+  EXPECT_EQ(out, nullptr);
 }
 
 TEST(Exports, ReleaseFamilyFreesLibraryBlocksAndRefusesNull) {

@@ -1,11 +1,12 @@
-// Tests of the registry and the preference store run against the real registry
-// (Windows, wine's hermetic prefix) or JSON hives in a temporary directory (Linux).
-// The fixture moves the hives and clears every key the tests write, before and after.
+// Tests of the registry and the preference store run against a registry of their
+// own: JSON hives in a temporary directory (Linux), or private keys that stand in for
+// the registry's roots (Windows, see PrivateRegistry). Each test starts empty.
 #pragma once
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "kit/private_registry.h"
 #include "kit/testkit.h"
 #include "os/registry.h"
 
@@ -20,9 +21,9 @@ inline const char16_t* const kTestKeys[] = {u"Software\\Policies\\Tarvo",
 
 class RegistryTest : public ::testing::Test {
  protected:
-  RegistryTest() : env_(tpcsdk::os::kRegistryDirVariable, dir_.path().string()) { Clear(); }
-  ~RegistryTest() override { Clear(); }
+  void SetUp() override { ASSERT_TRUE(registry_.ok()) << "no private registry: nothing is written"; }
 
+  // Deletes every key the tests write, under both roots.
   static void Clear() {
     for (RegRoot root : {RegRoot::kLocalMachine, RegRoot::kCurrentUser})
       for (const char16_t* key : kTestKeys) tpcsdk::os::DeleteRegTree(root, key);
@@ -45,7 +46,7 @@ class RegistryTest : public ::testing::Test {
   }
 
   testkit::TempDir dir_;
-  testkit::ScopedEnv env_;
+  testkit::PrivateRegistry registry_{dir_.path()};
 };
 
 }  // namespace regtest

@@ -4,12 +4,14 @@
 #include <string>
 #include <vector>
 
+#include "kit/private_registry.h"
 #include "kit/testkit.h"
 #include "os/registry.h"
 #include "profstore/registry_fixture.h"
 
 #ifndef _WIN32
 #include <sys/stat.h>
+#include <unistd.h>
 #endif
 
 namespace {
@@ -122,6 +124,36 @@ TEST_F(RegistrySeam, EnumeratesNamesAndData) {
   os::CloseRegKey(key);
 }
 
+// The fixtures' own registry hides the keys outside it and never deletes them. Outside
+// it stands wine's registry on Windows, and a hive directory of this test on Linux.
+TEST(PrivateRegistry, HidesTheKeysOutsideAndLeavesThemAlone) {
+  testkit::TempDir outside_dir;
+#ifndef _WIN32
+  testkit::ScopedEnv outside(os::kRegistryDirVariable, outside_dir.path().string());
+#endif
+  const std::u16string parent = u"Software\\TpcsdkRegistryTest";
+  const std::u16string sentinel = parent + u"\\Sentinel";
+  os::RegKey key = os::CreateRegKey(RegRoot::kCurrentUser, sentinel);
+  ASSERT_NE(key, nullptr);
+  EXPECT_TRUE(os::SetRegString(key, u"v", u"outside"));
+  os::CloseRegKey(key);
+  {
+    testkit::TempDir dir;
+    testkit::PrivateRegistry inside(dir.path());
+    ASSERT_TRUE(inside.ok());
+    EXPECT_EQ(os::OpenRegKey(RegRoot::kCurrentUser, sentinel), nullptr);
+    os::CloseRegKey(os::CreateRegKey(RegRoot::kCurrentUser, sentinel));
+    EXPECT_TRUE(os::DeleteRegTree(RegRoot::kCurrentUser, parent));
+  }
+  key = os::OpenRegKey(RegRoot::kCurrentUser, sentinel);
+  ASSERT_NE(key, nullptr);
+  std::u16string text;
+  EXPECT_TRUE(os::QueryRegString(key, u"v", text));
+  EXPECT_EQ(text, u"outside");
+  os::CloseRegKey(key);
+  EXPECT_TRUE(os::DeleteRegTree(RegRoot::kCurrentUser, parent));
+}
+
 #ifndef _WIN32
 // The Linux hives: JSON documents an administrator edits by hand.
 class JsonHive : public regtest::RegistryTest {
@@ -164,19 +196,52 @@ TEST_F(JsonHive, AHiveThatDoesNotParseIsEmptyAndKeptAsItIs) {
   EXPECT_EQ(os::OpenRegKey(RegRoot::kCurrentUser, u"Software"), nullptr);
 }
 
-TEST_F(JsonHive, WritesAtomicallyForTheUserOnly) {
-  SetString(RegRoot::kCurrentUser, kKey, u"v", u"\u00E9");
+struct HiveModeCase {
+  const char* name;
+  RegRoot root;
+  const char* file;
+  unsigned file_mode, folder_mode;  // of a new hive and the folder made for it
+};
+
+class NewHive : public JsonHive, public ::testing::WithParamInterface<HiveModeCase> {};
+
+// A hive is replaced whole, yet keeps the mode and owner its file had: a machine hive
+// an administrator's tool rewrote stays readable to every user.
+TEST_P(NewHive, IsMadeForItsReadersAndARewriteKeepsModeAndOwner) {
+  const HiveModeCase& c = GetParam();
+  const std::filesystem::path folder = dir_.path() / "made" / "tpcsdk";
+  testkit::ScopedEnv moved(os::kRegistryDirVariable, folder.string());
+  SetString(c.root, kKey, u"v", u"\u00E9");
   struct stat st {};
-  ASSERT_EQ(stat(Hive("user.json").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-  size_t files = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
-    (void)entry;
-    ++files;
+  ASSERT_EQ(stat(folder.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, c.folder_mode);
+  ASSERT_EQ(stat((folder / c.file).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, c.file_mode);
+  EXPECT_NE(testkit::ReadFile(folder / c.file).find("\"v\" : \"\xC3\xA9\""), std::string::npos);
+
+  ASSERT_EQ(chmod((folder / c.file).c_str(), 0640), 0);
+  const bool can_chown = geteuid() == 0;
+  if (can_chown) {
+    ASSERT_EQ(chown((folder / c.file).c_str(), 4321, 4322), 0);
   }
+  SetString(c.root, kKey, u"w", u"second");
+  ASSERT_EQ(stat((folder / c.file).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+  if (can_chown) {
+    EXPECT_EQ(st.st_uid, 4321u);
+    EXPECT_EQ(st.st_gid, 4322u);
+  }
+  size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) files += entry.is_regular_file();
   EXPECT_EQ(files, 1u);  // no temporary file left behind
-  EXPECT_NE(testkit::ReadFile(Hive("user.json")).find("\"v\" : \"\xC3\xA9\""), std::string::npos);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Roots, NewHive,
+    ::testing::Values(HiveModeCase{"User", RegRoot::kCurrentUser, "user.json", 0600, 0700},
+                      HiveModeCase{"Machine", RegRoot::kLocalMachine, "machine.json", 0644, 0755},
+                      HiveModeCase{"AllUsers", RegRoot::kUsers, "users.json", 0644, 0755}),
+    [](const auto& info) { return std::string(info.param.name); });
 #endif
 
 }  // namespace

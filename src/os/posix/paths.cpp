@@ -4,7 +4,6 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "os/posix/environment.h"
 #include "support/utf.h"
 
 namespace tpcsdk::os {
@@ -34,22 +34,6 @@ std::string DirectoryOf(const std::string& file) {
 std::string StripTrailingSlashes(std::string dir) {
   while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
   return dir;
-}
-
-std::string EnvValue(const char* name) {
-  const char* v = std::getenv(name);
-  return v ? std::string(v) : std::string();
-}
-
-std::string HomeDirectory() {
-  std::string home = EnvValue("HOME");
-  if (!home.empty()) return home;
-  std::vector<char> buf(16384);
-  passwd pw{};
-  passwd* result = nullptr;
-  if (getpwuid_r(getuid(), &pw, buf.data(), buf.size(), &result) == 0 && result && result->pw_dir)
-    return result->pw_dir;
-  return std::string();
 }
 
 }  // namespace

@@ -4,10 +4,12 @@
 // members are objects of values: a JSON string is a string value (REG_SZ), a JSON
 // integer a 32-bit value (REG_DWORD). Parents of a key exist implicitly. Names compare
 // without regard to ASCII case. Every call reads the file afresh, so a change made by
-// hand is seen at once; writes replace the file atomically (temporary file, rename)
-// and create it readable by the user only. docs/registry.md describes the format.
+// hand is seen at once; writes replace the file atomically (temporary file, rename).
+// A rewritten hive keeps its file's mode and owner, so a machine hive that an
+// administrator's tool rewrote stays readable to the users. A new hive of the machine
+// or of all users is made 0644 in a 0755 folder, a new user hive 0600 in 0700.
+// docs/registry.md describes the format.
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,8 +23,10 @@
 #include <mutex>
 #include <vector>
 
+#include "os/posix/environment.h"
 #include "os/registry.h"
 #include "support/guard.h"
+#include "support/text.h"
 #include "support/utf.h"
 
 namespace tpcsdk::os {
@@ -38,22 +42,6 @@ namespace {
 std::mutex& HiveLock() {
   static std::mutex m;
   return m;
-}
-
-std::string EnvValue(const char* name) {
-  const char* v = std::getenv(name);
-  return v ? std::string(v) : std::string();
-}
-
-std::string HomeDirectory() {
-  std::string home = EnvValue("HOME");
-  if (!home.empty()) return home;
-  std::vector<char> buf(16384);
-  passwd pw{};
-  passwd* result = nullptr;
-  if (getpwuid_r(getuid(), &pw, buf.data(), buf.size(), &result) == 0 && result && result->pw_dir)
-    return result->pw_dir;
-  return std::string();
 }
 
 std::string HiveFile(RegRoot root) {
@@ -72,14 +60,7 @@ std::string HiveFile(RegRoot root) {
   return config + "/tpcsdk/" + file;
 }
 
-char Fold(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + ('a' - 'A')) : c; }
-
-bool SameName(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (Fold(a[i]) != Fold(b[i])) return false;
-  return true;
-}
+bool SameName(std::string_view a, std::string_view b) { return EqualsNoCase(a, b); }
 
 std::string StripTrailing(std::string p) {
   while (!p.empty() && p.back() == '\\') p.pop_back();
@@ -142,20 +123,48 @@ Hive LoadHive(RegRoot root) {
   return h;
 }
 
-bool MakeDirectories(const std::string& dir) {
+// Modes of a new hive and of the folders made for it: the machine's hives are for
+// every user to read, a user's own hive for that user alone.
+struct HiveModes {
+  mode_t file;
+  mode_t folder;
+};
+
+HiveModes NewHiveModes(RegRoot root) {
+  if (root == RegRoot::kCurrentUser) return {0600, 0700};
+  return {0644, 0755};
+}
+
+// Makes the folder and its missing parents with exactly `mode` (whatever the umask).
+bool MakeDirectories(const std::string& dir, mode_t mode) {
   if (dir.empty()) return false;
   struct stat st {};
   if (stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
   const auto slash = dir.find_last_of('/');
-  if (slash != std::string::npos && slash > 0 && !MakeDirectories(dir.substr(0, slash))) return false;
-  return mkdir(dir.c_str(), 0700) == 0 || errno == EEXIST;
+  if (slash != std::string::npos && slash > 0 && !MakeDirectories(dir.substr(0, slash), mode)) return false;
+  if (mkdir(dir.c_str(), mode) != 0) return errno == EEXIST;
+  return chmod(dir.c_str(), mode) == 0;
+}
+
+// Gives the new file the mode and owner that the hive it replaces had, or the mode
+// of a new hive. False when the owner can't be kept: the hive is then left as it was
+// rather than handed to another owner.
+bool TakeOverAttributes(int fd, const std::string& file, RegRoot root) {
+  struct stat old {};
+  if (stat(file.c_str(), &old) != 0) return errno == ENOENT && fchmod(fd, NewHiveModes(root).file) == 0;
+  struct stat now {};
+  if (fstat(fd, &now) != 0) return false;
+  if ((now.st_uid != old.st_uid || now.st_gid != old.st_gid) && fchown(fd, old.st_uid, old.st_gid) != 0)
+    return false;
+  return fchmod(fd, old.st_mode & 07777) == 0;
 }
 
 // Writes the hive to a temporary file beside it and renames that over the hive.
-bool SaveHive(const Hive& h) {
+bool SaveHive(const Hive& h, RegRoot root) {
   if (!h.usable || h.file.empty()) return false;
   const auto slash = h.file.find_last_of('/');
-  if (slash != std::string::npos && slash > 0 && !MakeDirectories(h.file.substr(0, slash)))
+  if (slash != std::string::npos && slash > 0 &&
+      !MakeDirectories(h.file.substr(0, slash), NewHiveModes(root).folder))
     return false;
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
@@ -165,6 +174,7 @@ bool SaveHive(const Hive& h) {
   static std::atomic<unsigned> counter{0};
   const std::string tmp =
       h.file + ".tmp." + std::to_string(getpid()) + "." + std::to_string(counter++);
+  // Readable by the writer alone until it holds the whole text and its final mode.
   const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (fd < 0) return false;
   size_t done = 0;
@@ -174,7 +184,7 @@ bool SaveHive(const Hive& h) {
     if (n <= 0) break;
     done += static_cast<size_t>(n);
   }
-  bool ok = done == text.size() && fsync(fd) == 0;
+  bool ok = done == text.size() && TakeOverAttributes(fd, h.file, root) && fsync(fd) == 0;
   ok = close(fd) == 0 && ok;
   if (ok) ok = rename(tmp.c_str(), h.file.c_str()) == 0;
   if (!ok) unlink(tmp.c_str());
@@ -289,7 +299,7 @@ bool SetValue(RegKey key, std::u16string_view name, const Json::Value& value) {
   for (const auto& existing : obj->getMemberNames())
     if (SameName(existing, n)) stored = existing;  // keeps the spelling already there
   (*obj)[stored] = value;
-  return SaveHive(h);
+  return SaveHive(h, key->root);
 }
 
 }  // namespace
@@ -321,7 +331,7 @@ RegKey CreateRegKey(RegRoot root, std::u16string_view path) {
         if (!h.usable) return nullptr;
         if (!p.empty() && MembersOf(h, p).empty()) {
           h.doc[p] = Json::Value(Json::objectValue);
-          if (!SaveHive(h)) return nullptr;
+          if (!SaveHive(h, root)) return nullptr;
         }
         return new RegKeyObject{root, std::move(p), true};
       });
@@ -391,7 +401,7 @@ bool DeleteRegTree(RegRoot root, std::u16string_view path) {
             removed = true;
           }
         }
-        return removed && SaveHive(h);
+        return removed && SaveHive(h, root);
       });
 }
 

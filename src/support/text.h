@@ -1,5 +1,5 @@
-// The few text operations the preference store needs: trimming, case-ignoring
-// comparison and the integer value of a text.
+// The small text operations the library shares: trimming, comparison without regard
+// to the case of ASCII letters, and the integer value of a text.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -10,7 +10,8 @@ namespace tpcsdk {
 // Removes blanks, tabs, line breaks, vertical tabs and form feeds from both ends.
 std::u16string TrimText(std::u16string_view s);
 
-// Compares two texts, taking ASCII letters of either case as equal.
+// Compares two texts, taking ASCII letters of either case as equal; other characters
+// must match exactly.
 bool EqualsNoCase(std::u16string_view a, std::u16string_view b);
 bool EqualsNoCase(std::string_view a, std::string_view b);
 

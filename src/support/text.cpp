@@ -1,4 +1,4 @@
-#include "profstore/prof_text.h"
+#include "support/text.h"
 
 namespace tpcsdk {
 namespace {
