@@ -483,6 +483,7 @@ struct Emulator::Impl : ControlHost {
       return BuildDirectory(req.listener, state.Directory());
     }
     Reply r;
+    if (state.model().Answer(req, &r)) return r;
     r.headers.emplace_back("Content-Type", "application/json");
     r.body = kDefaultEnvelope;
     return r;
@@ -624,6 +625,10 @@ struct Emulator::Impl : ControlHost {
         break;
     }
     if (o.tls != Options::Tls::kNone && ctx == nullptr) return false;
+    if (!o.state_file.empty() && !state.model().UseStateFile(o.state_file, error)) {
+      if (ctx != nullptr) SSL_CTX_free(ctx);
+      return false;
+    }
     std::lock_guard<std::mutex> lock(mu);
     Listener* l = nullptr;
     if (!OpenListener(ctx, kind, o.port, &l, error)) {
