@@ -66,6 +66,9 @@ class ModelTest : public ::testing::Test {
     ASSERT_TRUE(emu_->Seed("versions", Parse(R"({"cVersionID":"V1","cDocID":"D1",
         "docName":"Plan","docPageCount":3})")))
         << emu_->last_error();
+    ASSERT_TRUE(emu_->Seed("messages", Parse(R"({"messages":[{"cAppID":"A","msgId":"m1",
+        "title":"hi"},{"cAppID":"A","msgId":"m2"},{"cAppID":"B","msgId":"m3"}]})")))
+        << emu_->last_error();
   }
   // One exchange; the reply parsed (null when it is not JSON).
   Json::Value Call(const std::string& method, const std::string& target,
@@ -262,6 +265,57 @@ INSTANTIATE_TEST_SUITE_P(
                     ""}),
     [](const auto& info) { return std::string(info.param.name); });
 
+const char kUsage[] = R"({"cAppID":"A","cDocID":"D1","cVersionID":"V1","cUserID":"u2",
+    "startTime":"s","operatorType":"view","operator":"open","operands":{"page":2},"docName":"Plan",
+    "docPath":"","docURI":"","reviewSessionID":"","isCreview":2})";
+
+INSTANTIATE_TEST_SUITE_P(
+    Services, ServicePath,
+    ::testing::Values(
+        ServiceCase{"Usage", "POST", "/tdocapi/v1/documents/logs", kUsage, "ret", 0,
+                    "data.0.logId", R"("log-1")"},
+        ServiceCase{"UsageOperandsEmptyText", "POST", "/tdocapi/v1/documents/logs",
+                    Body(kUsage, R"({"operands":""})"), "ret", 0, "", ""},
+        ServiceCase{"UsageOperandsArray", "POST", "/tdocapi/v1/documents/logs",
+                    Body(kUsage, R"({"operands":[1]})"), "ret", 110001, "", ""},
+        ServiceCase{"UsageEmptyOperator", "POST", "/tdocapi/v1/documents/logs",
+                    Body(kUsage, R"({"operator":""})"), "ret", 110001, "", ""},
+        ServiceCase{"UsageReviewFlagAsBool", "POST", "/tdocapi/v1/documents/logs",
+                    Body(kUsage, R"({"isCreview":true})"), "ret", 110001, "", ""},
+        ServiceCase{"UsageUnknownDocument", "POST", "/tdocapi/v1/documents/logs",
+                    Body(kUsage, R"({"cDocID":"D9"})"), "ret", 110002, "", ""},
+        ServiceCase{"UsageUnknownUser", "POST", "/tdocapi/v1/documents/logs",
+                    Body(kUsage, R"({"cUserID":"u9"})"), "ret", 110003, "", ""},
+        ServiceCase{"UsageUnknownVersion", "POST", "/tdocapi/v1/documents/logs",
+                    Body(kUsage, R"({"cVersionID":"V9"})"), "ret", 110008, "", ""},
+        ServiceCase{"OwnerMail", "POST", "/tdocapi/v1/server/send-email?access-token=T1",
+                    R"({"cVersionID":"V1","cOwnerEmail":"ann@x.test"})", "ret", 0, "data", "[]"},
+        ServiceCase{"OwnerMailEmptyAddress", "POST", "/tdocapi/v1/server/send-email?access-token=T1",
+                    R"({"cVersionID":"V1","cOwnerEmail":""})", "ret", 110001, "", ""},
+        ServiceCase{"OwnerMailBadToken", "POST", "/tdocapi/v1/server/send-email",
+                    R"({"cVersionID":"V1","cOwnerEmail":"a"})", "ret", 210007, "", ""},
+        ServiceCase{"Notification", "POST", "/tdocapi/v1/notifications/email?access-token=T1",
+                    R"({"subject":"s","content":"c","fromEmail":"f","toEmail":"t"})", "ret", 0,
+                    "", ""},
+        ServiceCase{"NotificationNoReceiver", "POST", "/tdocapi/v1/notifications/email?access-token=T1",
+                    R"({"subject":"s","content":"c","fromEmail":"f"})", "ret", 110001, "", ""},
+        ServiceCase{"ImageEmptyContent", "POST", "/tdocapi/v1/users/sign-image?access-token=T1",
+                    R"({"imageType":"png","content":""})", "ret", 110001, "", ""},
+        ServiceCase{"ImageBadToken", "POST", "/tdocapi/v1/users/sign-image?access-token=T2",
+                    R"({"imageType":"png","content":"x"})", "ret", 210007, "", ""},
+        ServiceCase{"OpenMessage", "GET", "/tdocapi/v1/messages/open-message?cAppID=A&msgId=m1",
+                    "", "ret", 0, "data", R"([{"cAppID":"A","msgId":"m1","title":"hi"}])"},
+        ServiceCase{"OpenMessagesOfApp", "GET", "/tdocapi/v1/messages/open-message?cAppID=A&msgId=",
+                    "", "ret", 0, "returned", "2"},
+        ServiceCase{"OpenMessageOfOtherApp", "GET", "/tdocapi/v1/messages/open-message?cAppID=A&msgId=m3",
+                    "", "ret", 130001, "", ""},
+        ServiceCase{"OpenMessageNoApp", "GET", "/tdocapi/v1/messages/open-message?msgId=m1", "",
+                    "ret", 110001, "", ""},
+        ServiceCase{"OptionConfig", "GET", "/tdocapi/v1/server/option-config", "", "ret", 0,
+                    "data", "{}"},
+        ServiceCase{"TimeByPost", "POST", "/tdocapi/v1/server/time", "{}", "ret", 405, "", ""}),
+    [](const auto& info) { return std::string(info.param.name); });
+
 // What the uploads leave in the model, as the control API shows it.
 TEST_F(ModelTest, UploadsChangeWhatTheControlApiShows) {
   ASSERT_EQ(Call("POST", "/tdocapi/v1/documents/tdoc?access-token=T1", kTdoc)["ret"], 0);
@@ -289,6 +343,68 @@ TEST_F(ModelTest, UploadsChangeWhatTheControlApiShows) {
   Json::Value devices = emu_->Inspect("devices")["devices"];
   ASSERT_EQ(devices.size(), 2u);
   EXPECT_EQ(devices[0]["deviceName"], "renamed");
+}
+
+TEST_F(ModelTest, UsageMailsAndImagesAreKeptAndListed) {
+  ASSERT_EQ(Call("POST", "/tdocapi/v1/documents/logs", kUsage)["ret"], 0);
+  ASSERT_EQ(Call("POST", "/tdocapi/v1/documents/logs", Body(kUsage, R"({"cUserID":""})"))["ret"], 0);
+  Json::Value usage = emu_->Inspect("usage")["usage"];
+  ASSERT_EQ(usage.size(), 2u);
+  EXPECT_EQ(Compact(usage[0]["operands"]), R"({"page":2})");
+  EXPECT_EQ(usage[0]["isCreview"], 2);
+  EXPECT_EQ(usage[1]["cUserID"], "");
+
+  ASSERT_EQ(Call("POST", "/tdocapi/v1/server/send-email?access-token=T1",
+                 R"({"cVersionID":"V1","cOwnerEmail":"ann@x.test"})")["ret"],
+            0);
+  ASSERT_EQ(Call("POST", "/tdocapi/v1/notifications/email?access-token=T1",
+                 R"({"subject":"Grüße","content":"c","fromEmail":"f","toEmail":"t"})")["ret"],
+            0);
+  Json::Value mails = emu_->Inspect("mails")["mails"];
+  ASSERT_EQ(mails.size(), 2u);
+  EXPECT_EQ(mails[0]["kind"], "version");
+  EXPECT_EQ(mails[0]["cOwnerEmail"], "ann@x.test");
+  EXPECT_EQ(mails[1]["kind"], "notification");
+  EXPECT_EQ(mails[1]["subject"], "Grüße");
+  EXPECT_EQ(mails[1]["token"], "T1");
+
+  // The image's text comes back at the address the upload answers with.
+  Json::Value r = Call("POST", "/tdocapi/v1/users/sign-image?access-token=T1",
+                       R"({"imageType":"png","content":"iVBORw0KGgo="})");
+  ASSERT_TRUE(r["data"].isString()) << Compact(r);
+  const std::string url = r["data"].asString();
+  ASSERT_EQ(url.compare(0, emu_->base_url().size(), emu_->base_url()), 0) << url;
+  testkit::HttpResult image =
+      testkit::HttpExchange(emu_->base_url(), "GET", url.substr(emu_->base_url().size()));
+  EXPECT_EQ(image.body, "iVBORw0KGgo=");
+  EXPECT_EQ(emu_->Inspect("images")["images"][0]["imageType"], "png");
+}
+
+TEST_F(ModelTest, ServerFactsAndWrapperSettingsFollowTheControlApi) {
+  // The clock by default, in the service's date form.
+  std::string now = Call("GET", "/tdocapi/v1/server/time")["data"][0]["time"].asString();
+  ASSERT_EQ(now.size(), 19u) << now;
+  EXPECT_TRUE(now[4] == '-' && now[10] == ' ' && now[13] == ':') << now;
+  ASSERT_TRUE(emu_->Seed("server", Parse(R"({"time":"2030-02-03 04:05:06",
+      "optionConfig":{"watermark":true}})")));
+  EXPECT_EQ(Call("GET", "/tdocapi/v1/server/time")["data"][0]["time"], "2030-02-03 04:05:06");
+  EXPECT_EQ(Compact(Call("GET", "/tdocapi/v1/server/option-config")["data"]),
+            R"({"watermark":true})");
+  EXPECT_FALSE(emu_->Seed("server", Parse(R"({"time":5})")));
+
+  Json::Value w = Call("GET", "/tdocapi/v1/wrapper/settings?access-token=T1")["data"];
+  EXPECT_EQ(w["protectWrapperFilelink"],
+            emu_->base_url() + "/files/wrappers/ProtectWrapper.pdf");
+  EXPECT_EQ(w["updateTime"], "2026-01-01 00:00:00");
+  ASSERT_TRUE(emu_->Seed("wrappers", Parse(R"({"updateTime":"2026-05-06 07:08:09",
+      "protectWrapperFilelink":"","requestPermissionFilelink":"{base}/files/redirect/a/b.pdf"})")));
+  w = Call("GET", "/tdocapi/v1/wrapper/settings?access-token=T1")["data"];
+  EXPECT_EQ(w["protectWrapperFilelink"], "");
+  EXPECT_EQ(w["requestPermissionFilelink"], emu_->base_url() + "/files/redirect/a/b.pdf");
+  EXPECT_EQ(w["requestPermissionLicenseFilelink"],
+            emu_->base_url() + "/files/wrappers/ReqPermWrapper_LicenseCode.pdf");
+  EXPECT_EQ(w["updateTime"], "2026-05-06 07:08:09");
+  EXPECT_FALSE(emu_->Seed("wrappers", Parse(R"({"updateTime":null})")));
 }
 
 TEST_F(ModelTest, TicketsAreSeededAsTextOrObjectAndEveryIssueIsRecorded) {

@@ -472,6 +472,14 @@ struct Emulator::Impl : ControlHost {
     bool has_fault = state.TakeFault(req, &fault);
     Reply reply;
     if (!state.TakeScript(req, &reply)) reply = BuiltIn(req);
+    if (!has_fault && (reply.pace_ms > 0 || reply.chunked)) {
+      // Slow and chunked files go out in pieces, as a chunks fault sends them.
+      fault.kind = FaultKind::kChunks;
+      fault.count = 8;
+      fault.gap_ms = reply.pace_ms;
+      fault.chunked = reply.chunked;
+      has_fault = true;
+    }
     return Deliver(c, io, req, std::move(reply), has_fault ? &fault : nullptr, keep);
   }
 

@@ -1,8 +1,11 @@
 #include "service_model.h"
 
+#include "files.h"
+
 #include <unistd.h>
 
 #include <cstdio>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -20,6 +23,7 @@ constexpr int kUnknownParent = 110005;     // a non-empty parentID names no docu
 constexpr int kUnknownVersion = 110008;    // cVersionID names no version (of that document)
 constexpr int kDuplicateVersion = 110013;  // the version exists
 constexpr int kNoSuchUser = 120001;        // a user look-up by cUserID or e-mail found nobody
+constexpr int kNoSuchMessage = 130001;     // no open message of that application and id
 constexpr int kTokenInvalid = 210007;      // the access token names no user
 constexpr int kNotAllowed = 405;           // the path is known, the method is not
 
@@ -40,6 +44,13 @@ const char* const kVersionMembers[] = {"cAppID", "cDocID",  "cVersionID", "paren
 const char* const kDeviceMembers[] = {"type", "mobileDeviceId", "deviceName", "deviceModel",
                                       "mac", "os", "productName", "productVendor",
                                       "productVersion", "productLanguage"};
+
+const char* const kWrapperLinks[] = {"protectWrapperFilelink", "requestPermissionFilelink",
+                                     "requestPermissionLicenseFilelink"};
+const char* const kLists[] = {"users",    "devices", "issuedTickets", "documents", "versions",
+                              "usage",    "mails",   "images",        "messages"};
+constexpr size_t kMaxPatternBytes = 64u << 20;
+constexpr int kMaxPaceMs = 10000;
 
 const char kDefaultAgreement[] =
     "Terms of use of the tdoc emulator: a local stand-in for the document service, for "
@@ -128,12 +139,18 @@ Json::Value Pick(const Json::Value& from, const char* const (&names)[N]) {
 
 Json::Value DefaultModel() {
   Json::Value m(Json::objectValue);
-  for (const char* list : {"users", "devices", "issuedTickets", "documents", "versions"})
-    m[list] = Json::Value(Json::arrayValue);
+  for (const char* list : kLists) m[list] = Json::Value(Json::arrayValue);
   for (const char* map : {"tickets", "thirdUsers", "agreements"})
     m[map] = Json::Value(Json::objectValue);
   m["agreements"]["1"] = kDefaultAgreement;
   m["appSecret"] = "";
+  m["serverTime"] = "";
+  m["optionConfig"] = Json::Value(Json::objectValue);
+  Json::Value& w = m["wrappers"];
+  w["protectWrapperFilelink"] = "{base}/files/wrappers/ProtectWrapper.pdf";
+  w["requestPermissionFilelink"] = "{base}/files/wrappers/ReqPermWrapper.pdf";
+  w["requestPermissionLicenseFilelink"] = "{base}/files/wrappers/ReqPermWrapper_LicenseCode.pdf";
+  w["updateTime"] = "2026-01-01 00:00:00";
   m["nextId"] = 1;
   return m;
 }
@@ -173,6 +190,33 @@ void CheckVersion(const Json::Value& v) {
   NeedStrings(v, kVersionMembers);
   for (const char* n : {"docSize", "docPageCount"})
     NeedType(v, n, v[n].isIntegral(), "an integer");
+}
+
+void CheckMessage(const Json::Value& msg) {
+  if (!msg.isObject() || Str(msg, "cAppID").empty() || Str(msg, "msgId").empty())
+    throw BadInput("a message must be an object with non-empty 'cAppID' and 'msgId'");
+}
+
+void CheckWrappers(const Json::Value& w) {
+  if (!w.isObject()) throw BadInput("'wrappers' must be an object");
+  for (const char* n : kWrapperLinks) NeedType(w, n, w[n].isString(), "a string");
+  NeedType(w, "updateTime", w["updateTime"].isString(), "a string");
+}
+
+// Every "{base}" in `text` replaced by `base`.
+std::string WithBase(std::string text, const std::string& base) {
+  static const std::string kBase = "{base}";
+  for (size_t p = text.find(kBase); p != std::string::npos; p = text.find(kBase, p + base.size()))
+    text.replace(p, kBase.size(), base);
+  return text;
+}
+
+Reply Plain(int status, const std::string& type, const std::string& body) {
+  Reply r;
+  r.status = status;
+  r.headers.emplace_back("Content-Type", type);
+  r.body = body;
+  return r;
 }
 
 // The records of a seed call: `in[plural]` as an array, or `in` itself.
@@ -215,7 +259,7 @@ bool RemoveFrom(Json::Value* list, const char* key, const std::string& value) {
 // Checks a whole model as the state file holds it.
 void CheckModel(const Json::Value& m) {
   if (!m.isObject()) throw BadInput("the model must be a JSON object");
-  for (const char* list : {"users", "devices", "issuedTickets", "documents", "versions"}) {
+  for (const char* list : kLists) {
     if (!m[list].isArray()) throw BadInput(std::string("'") + list + "' must be an array");
     for (const auto& e : m[list]) {
       if (!e.isObject()) throw BadInput(std::string("'") + list + "' must hold objects");
@@ -233,7 +277,11 @@ void CheckModel(const Json::Value& m) {
   for (const auto& name : m["thirdUsers"].getMemberNames()) {
     if (!m["thirdUsers"][name].isObject()) throw BadInput("third users must be objects");
   }
-  if (!m["appSecret"].isString()) throw BadInput("'appSecret' must be a string");
+  for (const auto& msg : m["messages"]) CheckMessage(msg);
+  for (const char* text : {"appSecret", "serverTime"}) {
+    if (!m[text].isString()) throw BadInput(std::string("'") + text + "' must be a string");
+  }
+  CheckWrappers(m["wrappers"]);
   if (!m["nextId"].isUInt64()) throw BadInput("'nextId' must be a whole number");
 }
 
@@ -364,6 +412,14 @@ Reply ServiceModel::Dispatch(const Request& req, const std::string& path, bool* 
       {"/tdocapi/v1/users/get-cas-ticket", "GET", &ServiceModel::CasTicket},
       {"/tdocapi/v2/server/agreement", "GET", &ServiceModel::Agreement},
       {"/tdocapi/v1/documents/tdoc", "POST", &ServiceModel::RegisterTdoc},
+      {"/tdocapi/v1/documents/logs", "POST", &ServiceModel::UsageRecord},
+      {"/tdocapi/v1/server/send-email", "POST", &ServiceModel::Mail},
+      {"/tdocapi/v1/notifications/email", "POST", &ServiceModel::Mail},
+      {"/tdocapi/v1/users/sign-image", "POST", &ServiceModel::SignImage},
+      {"/tdocapi/v1/messages/open-message", "GET", &ServiceModel::OpenMessage},
+      {"/tdocapi/v1/server/time", "GET", &ServiceModel::ServerTime},
+      {"/tdocapi/v1/server/option-config", "GET", &ServiceModel::OptionConfig},
+      {"/tdocapi/v1/wrapper/settings", "GET", &ServiceModel::WrapperSettings},
   };
   for (const Route& r : kRoutes) {
     if (path != r.path) continue;
@@ -379,6 +435,9 @@ Reply ServiceModel::Dispatch(const Request& req, const std::string& path, bool* 
     if (get) return GetDocument(req);
   } else if (path == "/tdocapi/v1/documents/versions") {
     if (m == "POST" || m == "PUT" || m == "DELETE") return Versions(req);
+  } else if (path.compare(0, 7, "/files/") == 0) {
+    if (get) return File(req, path.substr(7), 0);
+    return Plain(kNotAllowed, "text/plain", "files are read with GET\n");
   } else {
     *handled = false;
     return Reply();
@@ -625,6 +684,166 @@ Reply ServiceModel::Versions(const Request& req) {
   return One(*version);
 }
 
+// ---- usage records, mails, images, messages, server facts ------------------
+
+Reply ServiceModel::UsageRecord(const Request& req) {
+  Json::Value body;
+  if (!BodyObject(req, &body)) return Failure(kBadMember, "the body must be a JSON object");
+  std::string problem = Problem(body,
+                                {"cAppID", "cDocID", "cVersionID", "startTime", "docName",
+                                 "operatorType", "operator"},
+                                {"cUserID", "docPath", "docURI", "reviewSessionID"}, {"isCreview"});
+  if (problem.empty() && body.isMember("operands") && !body["operands"].isObject() &&
+      !body["operands"].isString())
+    problem = "operands must be an object or a string";
+  if (!problem.empty()) return Failure(kBadMember, problem);
+  if (FindIn("documents", "cDocID", Str(body, "cDocID")) == nullptr)
+    return Failure(kUnknownDocument, "cDocID names no document");
+  const std::string user = Str(body, "cUserID");
+  if (!user.empty() && FindIn("users", "cUserID", user) == nullptr)
+    return Failure(kUnknownUser, "cUserID names no user");
+  const Json::Value* version = FindIn("versions", "cVersionID", Str(body, "cVersionID"));
+  if (version == nullptr || Str(*version, "cDocID") != Str(body, "cDocID"))
+    return Failure(kUnknownVersion, "cVersionID names no version of that document");
+  Json::Value record = body;
+  record["logId"] = NextId("log-");
+  data_["usage"].append(record);
+  Json::Value id(Json::objectValue);
+  id["logId"] = record["logId"];
+  return One(id);
+}
+
+// The owner's mail about a version (send-email) and the host's own mail
+// (notifications/email): both recorded with the sender's token.
+Reply ServiceModel::Mail(const Request& req) {
+  Reply refused;
+  if (TokenRefused(req, &refused)) return refused;
+  Json::Value body;
+  if (!BodyObject(req, &body)) return Failure(kBadMember, "the body must be a JSON object");
+  const bool owner = req.DecodedPath() == "/tdocapi/v1/server/send-email";
+  std::string problem = owner ? Problem(body, {"cVersionID", "cOwnerEmail"}, {})
+                              : Problem(body, {"subject", "content", "fromEmail", "toEmail"}, {});
+  if (!problem.empty()) return Failure(kBadMember, problem);
+  Json::Value mail = body;
+  mail["kind"] = owner ? "version" : "notification";
+  mail["token"] = QueryParam(req, "access-token");
+  mail["mailId"] = NextId("mail-");
+  data_["mails"].append(mail);
+  return Envelope(0, "", Json::Value(Json::arrayValue));
+}
+
+Reply ServiceModel::SignImage(const Request& req) {
+  Reply refused;
+  if (TokenRefused(req, &refused)) return refused;
+  Json::Value body;
+  if (!BodyObject(req, &body)) return Failure(kBadMember, "the body must be a JSON object");
+  std::string problem = Problem(body, {"imageType", "content"}, {});
+  if (!problem.empty()) return Failure(kBadMember, problem);
+  Json::Value image(Json::objectValue);
+  image["imageId"] = NextId("");
+  image["token"] = QueryParam(req, "access-token");
+  image["imageType"] = body["imageType"];
+  image["content"] = body["content"];
+  data_["images"].append(image);
+  // `data` is the text where the image can be read back.
+  return Envelope(0, "", req.listener + "/files/images/" + image["imageId"].asString());
+}
+
+Reply ServiceModel::OpenMessage(const Request& req) {
+  const std::string app = QueryParam(req, "cAppID");
+  const std::string id = QueryParam(req, "msgId");
+  if (app.empty()) return Failure(kBadMember, "cAppID is missing");
+  // Without an id: every open message of the application.
+  Json::Value found(Json::arrayValue);
+  for (const auto& msg : data_["messages"]) {
+    if (Str(msg, "cAppID") == app && (id.empty() || Str(msg, "msgId") == id)) found.append(msg);
+  }
+  if (!id.empty() && found.empty()) return Failure(kNoSuchMessage, "no such message");
+  return Envelope(0, "", found);
+}
+
+Reply ServiceModel::ServerTime(const Request&) {
+  std::string text = data_["serverTime"].asString();
+  if (text.empty()) {
+    std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    char buf[32];
+    std::strftime(buf, sizeof(buf), "%Y-%m-%d %H:%M:%S", &utc);
+    text = buf;
+  }
+  Json::Value time(Json::objectValue);
+  time["time"] = text;
+  return One(time);
+}
+
+Reply ServiceModel::OptionConfig(const Request&) { return Envelope(0, "", data_["optionConfig"]); }
+
+Reply ServiceModel::WrapperSettings(const Request& req) {
+  Json::Value settings(Json::objectValue);
+  const Json::Value& w = data_["wrappers"];
+  for (const char* link : kWrapperLinks) settings[link] = WithBase(Str(w, link), req.listener);
+  settings["updateTime"] = w["updateTime"];
+  return Envelope(0, "", settings);
+}
+
+// Files for downloads, by the path after "/files/". "redirect/", "slow/MS/",
+// "chunked/" and "status/CODE/" wrap the file that the rest of the path
+// (again after "/files/") names, and nest.
+Reply ServiceModel::File(const Request& req, const std::string& rest, int depth) {
+  auto number_then = [&](const std::string& prefix, long lo, long hi, long* n,
+                         std::string* tail) {
+    if (rest.compare(0, prefix.size(), prefix) != 0) return false;
+    size_t slash = rest.find('/', prefix.size());
+    std::string digits = rest.substr(prefix.size(), slash == std::string::npos
+                                                        ? std::string::npos
+                                                        : slash - prefix.size());
+    if (digits.empty() || digits.size() > 9 ||
+        digits.find_first_not_of("0123456789") != std::string::npos)
+      return false;
+    *n = std::stol(digits);
+    *tail = slash == std::string::npos ? "" : rest.substr(slash + 1);
+    return *n >= lo && *n <= hi;
+  };
+  if (depth > 16) return Plain(400, "text/plain", "too many wrappers in the path\n");
+  long n = 0;
+  std::string tail;
+  if (rest.compare(0, 9, "redirect/") == 0) {
+    Reply r = Plain(302, "text/plain", "moved\n");
+    r.headers.emplace_back("Location", req.listener + "/files/" + rest.substr(9));
+    return r;
+  }
+  if (number_then("slow/", 1, kMaxPaceMs, &n, &tail)) {
+    Reply r = File(req, tail, depth + 1);
+    r.pace_ms = static_cast<int>(n);
+    return r;
+  }
+  if (rest.compare(0, 8, "chunked/") == 0) {
+    Reply r = File(req, rest.substr(8), depth + 1);
+    r.chunked = true;
+    return r;
+  }
+  if (number_then("status/", 200, 599, &n, &tail)) {
+    Reply r = File(req, tail, depth + 1);
+    r.status = static_cast<int>(n);
+    return r;
+  }
+  if (number_then("bytes/", 0, kMaxPatternBytes, &n, &tail) && tail.empty())
+    return Plain(200, "application/octet-stream", PatternBytes(static_cast<size_t>(n)));
+  if (rest.compare(0, 7, "images/") == 0) {
+    const Json::Value* image = FindIn("images", "imageId", rest.substr(7));
+    if (image != nullptr) return Plain(200, "text/plain", Str(*image, "content"));
+  }
+  const std::string kPdf = ".pdf";
+  if (rest.size() > kPdf.size() && rest.find('/') != std::string::npos &&
+      rest.compare(rest.size() - kPdf.size(), kPdf.size(), kPdf) == 0) {
+    const std::string name = rest.substr(rest.rfind('/') + 1);
+    return Plain(200, "application/pdf",
+                 MakePdf(name, "tdoc emulator, update " + Str(data_["wrappers"], "updateTime")));
+  }
+  return Plain(404, "text/plain", "no such file: /files/" + rest + "\n");
+}
+
 // ---- control -------------------------------------------------------------
 
 bool ServiceModel::Control(const std::string& method, const std::string& what,
@@ -712,12 +931,39 @@ Json::Value ServiceModel::ControlLocked(const std::string& method, const std::st
     data_["agreements"][std::to_string(type < 0 ? 1 : type)] = in["content"];
     return out;
   }
+  if (what == "messages" && post) {
+    for (const Json::Value& msg : Records(in, "messages")) {
+      CheckMessage(msg);
+      // An id is one message whatever its application.
+      Upsert(&data_["messages"], "msgId", msg);
+    }
+    return list("messages");
+  }
+  if (what == "server" && post) {
+    NeedType(in, "time", in["time"].isString(), "a string (\"\": the clock)");
+    if (in.isMember("time")) data_["serverTime"] = in["time"];
+    if (in.isMember("optionConfig")) data_["optionConfig"] = in["optionConfig"];
+  }
+  if (what == "server") {
+    out["time"] = data_["serverTime"];
+    return list("optionConfig");
+  }
+  if (what == "wrappers" && post) {
+    CheckWrappers(in);
+    for (const char* m : kWrapperLinks) {
+      if (in.isMember(m)) data_["wrappers"][m] = in[m];
+    }
+    if (in.isMember("updateTime")) data_["wrappers"]["updateTime"] = in["updateTime"];
+  }
+  if (what == "wrappers") return data_["wrappers"];
   *changed = false;
   if (method != "GET") {
     *handled = false;
     return out;
   }
-  for (const char* name : {"users", "documents", "versions", "devices", "agreements"}) {
+  for (const char* name :
+       {"users", "documents", "versions", "devices", "agreements", "usage", "mails", "images",
+        "messages"}) {
     if (what == name) return list(name);
   }
   *handled = false;

@@ -47,12 +47,14 @@ class ServiceModel {
   Reply RegisterTdoc(const Request& req);
   Reply Versions(const Request& req);
   Reply UsageRecord(const Request& req);
-  Reply Mail(const Request& req, const char* kind);
+  Reply Mail(const Request& req);
   Reply SignImage(const Request& req);
   Reply OpenMessage(const Request& req);
-  Reply ServerTime();
+  Reply ServerTime(const Request& req);
+  Reply OptionConfig(const Request& req);
   Reply WrapperSettings(const Request& req);
-  Reply Files(const Request& req, const std::string& path);
+  // GET and HEAD under /files/: `rest` is the path after "/files/".
+  Reply File(const Request& req, const std::string& rest, int depth);
 
   // Look-ups in data_; null when absent.
   Json::Value* FindIn(const char* list, const char* key, const std::string& value);

@@ -40,7 +40,8 @@ struct Reply {
   int status = 200;
   HeaderList headers;
   std::string body;
-  int pace_ms = 0;  // > 0: the body goes out in pieces with this pause between them
+  int pace_ms = 0;       // > 0: the body goes out in pieces with this pause between them
+  bool chunked = false;  // the body goes out in chunked transfer coding, without a length
 };
 
 // Result of looking at the bytes of a request head.
