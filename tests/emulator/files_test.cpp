@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "kit/emulator_client.h"
+#include "fixture.h"
 #include "raw_client.h"
 
 namespace {
@@ -18,14 +18,8 @@ struct FileReply {
   std::string head, body;
 };
 
-class FilesTest : public ::testing::Test {
+class FilesTest : public emulator_test::EmulatorFixture {
  protected:
-  void SetUp() override {
-    std::string why;
-    bool is_error = false;
-    emu_ = testkit::AcquireEmulator(&why, &is_error);
-    ASSERT_NE(emu_, nullptr) << why;
-  }
   FileReply Get(const std::string& target, const std::string& method = "GET") {
     FileReply r;
     RawClient c(emu_->base_url());
@@ -34,7 +28,6 @@ class FilesTest : public ::testing::Test {
     EXPECT_TRUE(c.ReadReply(0, &r.head, &r.body, &r.status)) << c.data();
     return r;
   }
-  testkit::EmulatorClient* emu_ = nullptr;
 };
 
 bool HeadHas(const std::string& head, const std::string& line) {

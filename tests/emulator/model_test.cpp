@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "emulator/emulator.h"
+#include "fixture.h"
 #include "kit/emulator_client.h"
 #include "kit/testkit.h"
 
@@ -44,13 +45,11 @@ Json::Value At(const Json::Value& root, const std::string& path) {
   return v;
 }
 
-class ModelTest : public ::testing::Test {
+class ModelTest : public emulator_test::EmulatorFixture {
  protected:
   void SetUp() override {
-    std::string why;
-    bool is_error = false;
-    emu_ = testkit::AcquireEmulator(&why, &is_error);
-    ASSERT_NE(emu_, nullptr) << why;
+    EmulatorFixture::SetUp();
+    if (HasFatalFailure()) return;
     // Ann has every member and is online; Bob has a last name only, no
     // mobile and no token; D1 is Ann's document with its version V1.
     Json::Value ann = Parse(R"({"cUserID":"u1","token":"T1","userEmail":"ann@x.test",
@@ -78,7 +77,6 @@ class ModelTest : public ::testing::Test {
     if (status != nullptr) *status = r.status;
     return Parse(r.body);
   }
-  testkit::EmulatorClient* emu_ = nullptr;
 };
 
 // A document or version body with every member the client sends; `change`
@@ -438,7 +436,8 @@ TEST_F(ModelTest, SecretAndSeedsAreChecked) {
   EXPECT_EQ(Compact(ok), R"({"code":100000,"data":{"id":"given"},"message":"success"})");
 
   // Bad seeds are refused with a reason, and change nothing.
-  for (const char* bad : {R"({"cUserID":5})", R"({"users":{}})", R"({"cState":"1"})"})
+  for (const char* bad : {R"({"cUserID":5})", R"({"users":{}})",
+                          R"({"users":[{"cUserID":"u3"},{"cState":"1"}]})"})
     EXPECT_FALSE(emu_->Seed("users", Parse(bad))) << bad;
   EXPECT_NE(emu_->last_error().find("cState"), std::string::npos) << emu_->last_error();
   EXPECT_FALSE(emu_->Seed("versions", Parse(R"({"cVersionID":"V7","cDocID":"D9"})")));

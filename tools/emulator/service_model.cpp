@@ -61,13 +61,10 @@ std::string Str(const Json::Value& v, const char* name) {
 }
 
 Reply JsonReply(int status, const Json::Value& v) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  b["emitUTF8"] = true;
   Reply r;
   r.status = status;
   r.headers.emplace_back("Content-Type", "application/json");
-  r.body = Json::writeString(b, v);
+  r.body = CompactJson(v);
   return r;
 }
 
@@ -203,14 +200,6 @@ void CheckWrappers(const Json::Value& w) {
   NeedType(w, "updateTime", w["updateTime"].isString(), "a string");
 }
 
-// Every "{base}" in `text` replaced by `base`.
-std::string WithBase(std::string text, const std::string& base) {
-  static const std::string kBase = "{base}";
-  for (size_t p = text.find(kBase); p != std::string::npos; p = text.find(kBase, p + base.size()))
-    text.replace(p, kBase.size(), base);
-  return text;
-}
-
 Reply Plain(int status, const std::string& type, const std::string& body) {
   Reply r;
   r.status = status;
@@ -285,14 +274,14 @@ void CheckModel(const Json::Value& m) {
   if (!m["nextId"].isUInt64()) throw BadInput("'nextId' must be a whole number");
 }
 
-std::string Compact(const Json::Value& v) {
+}  // namespace
+
+std::string CompactJson(const Json::Value& v) {
   Json::StreamWriterBuilder b;
   b["indentation"] = "";
   b["emitUTF8"] = true;
   return Json::writeString(b, v);
 }
-
-}  // namespace
 
 ServiceModel::ServiceModel() : data_(DefaultModel()) {}
 
@@ -344,7 +333,7 @@ void ServiceModel::Save() {
   std::string tmp = state_file_ + ".tmp";
   {
     std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-    out << Compact(data_) << "\n";
+    out << CompactJson(data_) << "\n";
     out.flush();
     if (!out) {
       std::fprintf(stderr, "tdoc-emulator: cannot write %s\n", tmp.c_str());
@@ -782,7 +771,8 @@ Reply ServiceModel::OptionConfig(const Request&) { return Envelope(0, "", data_[
 Reply ServiceModel::WrapperSettings(const Request& req) {
   Json::Value settings(Json::objectValue);
   const Json::Value& w = data_["wrappers"];
-  for (const char* link : kWrapperLinks) settings[link] = WithBase(Str(w, link), req.listener);
+  for (const char* link : kWrapperLinks)
+    settings[link] = ReplaceAll(Str(w, link), "{base}", req.listener);
   settings["updateTime"] = w["updateTime"];
   return Envelope(0, "", settings);
 }
@@ -850,7 +840,15 @@ bool ServiceModel::Control(const std::string& method, const std::string& what,
                            const Json::Value& in, Json::Value* out) {
   std::lock_guard<std::mutex> lock(mu_);
   bool handled = true, changed = false;
-  Json::Value result = ControlLocked(method, what, in, &handled, &changed);
+  // A call refused half-way leaves the model as it was.
+  const Json::Value before = data_;
+  Json::Value result;
+  try {
+    result = ControlLocked(method, what, in, &handled, &changed);
+  } catch (...) {
+    data_ = before;
+    throw;
+  }
   if (!handled) return false;
   if (changed) Save();
   *out = result;

@@ -14,6 +14,9 @@
 
 namespace tpcsdk::emulator {
 
+// `v` as compact JSON text, UTF-8 kept as it is, without a line feed.
+std::string CompactJson(const Json::Value& v);
+
 class ServiceModel {
  public:
   ServiceModel();

@@ -251,6 +251,13 @@ std::string QueryParam(const Request& req, const std::string& name) {
   return "";
 }
 
+std::string ReplaceAll(std::string s, const std::string& from, const std::string& to) {
+  for (size_t p = s.find(from); p != std::string::npos; p = s.find(from, p + to.size())) {
+    s.replace(p, from.size(), to);
+  }
+  return s;
+}
+
 bool EqualsNoCase(const std::string& a, const std::string& b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i) {

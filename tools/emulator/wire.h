@@ -84,6 +84,8 @@ std::string PercentDecode(const std::string& s);
 // The percent-decoded value of the first query field `name`; empty when absent.
 std::string QueryParam(const Request& req, const std::string& name);
 bool EqualsNoCase(const std::string& a, const std::string& b);
+// `s` with every `from` replaced by `to`.
+std::string ReplaceAll(std::string s, const std::string& from, const std::string& to);
 std::string Base64Encode(const std::string& bytes);
 // False on characters outside the alphabet (whitespace is skipped).
 bool Base64Decode(const std::string& text, std::string* bytes);
