@@ -295,11 +295,8 @@ bool IsControlPath(const Request& req) {
 Reply HandleControl(State* state, ControlHost* host, const Request& req) {
   Json::Value in(Json::objectValue);
   if (!req.body.empty()) {
-    Json::CharReaderBuilder b;
-    b["collectComments"] = false;
-    std::unique_ptr<Json::CharReader> reader(b.newCharReader());
     std::string errors;
-    if (!reader->parse(req.body.data(), req.body.data() + req.body.size(), &in, &errors))
+    if (!ParseJson(req.body, &in, &errors))
       return Error(400, "request body is not JSON: " + errors);
     if (!in.isObject()) return Error(400, "request body must be a JSON object");
   }

@@ -97,12 +97,8 @@ Reply CodeReply(int code, const std::string& message, const Json::Value& data) {
 
 // The request body as a JSON object; false when it is not one.
 bool BodyObject(const Request& req, Json::Value* out) {
-  Json::CharReaderBuilder b;
-  b["collectComments"] = false;
-  std::unique_ptr<Json::CharReader> reader(b.newCharReader());
   std::string errors;
-  return reader->parse(req.body.data(), req.body.data() + req.body.size(), out, &errors) &&
-         out->isObject();
+  return ParseJson(req.body, out, &errors) && out->isObject();
 }
 
 // What is wrong with a service body: `required` are non-empty strings,
@@ -283,6 +279,18 @@ std::string CompactJson(const Json::Value& v) {
   return Json::writeString(b, v);
 }
 
+bool ParseJson(const std::string& text, Json::Value* out, std::string* errors) {
+  Json::CharReaderBuilder b;
+  b["collectComments"] = false;
+  std::unique_ptr<Json::CharReader> reader(b.newCharReader());
+  try {
+    return reader->parse(text.data(), text.data() + text.size(), out, errors);
+  } catch (const std::exception& e) {
+    *errors = e.what();
+    return false;
+  }
+}
+
 ServiceModel::ServiceModel() : data_(DefaultModel()) {}
 
 bool ServiceModel::UseStateFile(const std::string& path, std::string* error) {
@@ -292,10 +300,8 @@ bool ServiceModel::UseStateFile(const std::string& path, std::string* error) {
     std::stringstream text;
     text << in.rdbuf();
     Json::Value loaded;
-    Json::CharReaderBuilder b;
-    std::unique_ptr<Json::CharReader> reader(b.newCharReader());
-    std::string s = text.str(), errors;
-    if (!reader->parse(s.data(), s.data() + s.size(), &loaded, &errors)) {
+    std::string errors;
+    if (!ParseJson(text.str(), &loaded, &errors)) {
       *error = "state file " + path + " is not JSON: " + errors;
       return false;
     }

@@ -16,6 +16,9 @@ namespace tpcsdk::emulator {
 
 // `v` as compact JSON text, UTF-8 kept as it is, without a line feed.
 std::string CompactJson(const Json::Value& v);
+// Parses `text`; false with the reason in `errors` when it is not JSON or
+// nests deeper than the reader allows (the reader throws then; this does not).
+bool ParseJson(const std::string& text, Json::Value* out, std::string* errors);
 
 class ServiceModel {
  public:
