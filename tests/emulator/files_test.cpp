@@ -113,14 +113,12 @@ INSTANTIATE_TEST_SUITE_P(
                  "Content-Type: application/octet-stream", 40000, true},
         FileCase{"EmptyFile", "GET", "/files/bytes/0", 200, "Content-Length: 0", 0, true},
         FileCase{"Created", "GET", "/files/status/201/bytes/5", 201, "", 5, true},
-        FileCase{"NotFoundStatus", "GET", "/files/status/404/bytes/5", 404, "", 5, true},
         FileCase{"Redirect", "GET", "/files/redirect/redirect/bytes/5", 302,
                  "Location: {base}/files/redirect/bytes/5", kAny, false},
         FileCase{"ChunkedHasNoLength", "GET", "/files/chunked/bytes/3000", 200,
                  "Transfer-Encoding: chunked", 3000, true},
         FileCase{"Unknown", "GET", "/files/nothing", 404, "Content-Type: text/plain", kAny, false},
         FileCase{"TooLarge", "GET", "/files/bytes/67108865", 404, "", kAny, false},
-        FileCase{"SlowWithoutPause", "GET", "/files/slow/0/bytes/5", 404, "", kAny, false},
         FileCase{"Posted", "POST", "/files/bytes/5", 405, "", kAny, false}),
     [](const auto& info) { return std::string(info.param.name); });
 
