@@ -6,23 +6,16 @@
 
 #include <functional>
 
-#include "kit/emulator_client.h"
+#include "fixture.h"
 
 namespace {
 
-class DirectoryTest : public ::testing::Test {
+class DirectoryTest : public emulator_test::EmulatorFixture {
  protected:
-  void SetUp() override {
-    std::string why;
-    bool is_error = false;
-    emu_ = testkit::AcquireEmulator(&why, &is_error);
-    ASSERT_NE(emu_, nullptr) << why;
-  }
   // Fetches the directory; the status and the document text.
   testkit::HttpResult Fetch(const std::string& target = "/2.0.0.0/My App/1.0/en-US/tdocApi.json") {
     return testkit::HttpExchange(emu_->base_url(), "GET", target);
   }
-  testkit::EmulatorClient* emu_ = nullptr;
 };
 
 Json::Value Parse(const std::string& text) {

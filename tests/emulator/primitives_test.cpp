@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "emulator/emulator.h"
+#include "fixture.h"
 #include "kit/emulator_client.h"
 #include "kit/testkit.h"
 #include "raw_client.h"
@@ -29,14 +30,8 @@ using emulator_test::SplitReply;
 
 const std::string kEnvelope = "{\"ret\":0,\"message\":\"\",\"returned\":0,\"data\":[]}";
 
-class EmulatorTest : public ::testing::Test {
+class EmulatorTest : public emulator_test::EmulatorFixture {
  protected:
-  void SetUp() override {
-    std::string why;
-    bool is_error = false;
-    emu_ = testkit::AcquireEmulator(&why, &is_error);
-    ASSERT_NE(emu_, nullptr) << why;
-  }
   // A body the faults below cut up at known places.
   void ScriptDigits(const std::string& path) {
     Json::Value rule(Json::objectValue);
@@ -46,7 +41,6 @@ class EmulatorTest : public ::testing::Test {
     rule["times"] = -1;
     ASSERT_NE(emu_->Script(rule), 0u) << emu_->last_error();
   }
-  testkit::EmulatorClient* emu_ = nullptr;
 };
 
 TEST_F(EmulatorTest, ScriptedRepliesAreCountedAndTheLogKeepsTheWireForm) {

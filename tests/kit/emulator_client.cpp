@@ -326,6 +326,25 @@ int EmulatorClient::Release(uint64_t id) {
   return Call("POST", "release", in, &out) ? out["released"].asInt() : 0;
 }
 
+bool EmulatorClient::Seed(const std::string& what, const Json::Value& records) {
+  return Call("POST", what, records);
+}
+
+Json::Value EmulatorClient::Inspect(const std::string& what) {
+  Json::Value out;
+  return Call("GET", what, Json::Value(), &out) ? out : Json::Value();
+}
+
+bool EmulatorClient::SeedUser(const std::string& cUserID, const std::string& token,
+                              const std::string& email, bool online) {
+  Json::Value u(Json::objectValue);
+  u["cUserID"] = cUserID;
+  u["token"] = token;
+  u["userEmail"] = email;
+  u["cState"] = online ? 1 : 0;
+  return Seed("users", u);
+}
+
 std::string EmulatorClient::OpenTlsListener(const std::string& kind) {
   Json::Value in(Json::objectValue), out;
   in["kind"] = kind;

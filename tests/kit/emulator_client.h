@@ -93,6 +93,16 @@ class EmulatorClient {
   // Lets held connections go on; 0 releases all. Returns how many were released.
   int Release(uint64_t id = 0);
 
+  // The service model. Seed adds or merges records through POST
+  // /_emulator/<what> ("users", "documents", "versions", "tickets",
+  // "third-users", "agreement", ...): one record, or {"<what>": [...]}.
+  // Inspect reads GET /_emulator/<what>; a null value when the call failed.
+  bool Seed(const std::string& what, const Json::Value& records);
+  Json::Value Inspect(const std::string& what);
+  // A user with these members (cState 1 when `online`).
+  bool SeedUser(const std::string& cUserID, const std::string& token, const std::string& email,
+                bool online = false);
+
   // Base URL of an extra TLS listener: "valid", "expired" or "wrong_name".
   // Empty on failure.
   std::string OpenTlsListener(const std::string& kind);

@@ -214,19 +214,6 @@ int TimeoutMs(const Json::Value& in) {
   return static_cast<int>(GetInt(in, "timeout_ms", 5000, 0, 300000));
 }
 
-std::string QueryParam(const Request& req, const std::string& name) {
-  size_t pos = 0;
-  while (pos <= req.query.size()) {
-    size_t amp = req.query.find('&', pos);
-    if (amp == std::string::npos) amp = req.query.size();
-    std::string field = req.query.substr(pos, amp - pos);
-    if (field.compare(0, name.size() + 1, name + "=") == 0)
-      return PercentDecode(field.substr(name.size() + 1));
-    pos = amp + 1;
-  }
-  return "";
-}
-
 Reply Dispatch(State* state, ControlHost* host, const Request& req, const Json::Value& in) {
   const std::string what = req.DecodedPath().substr(sizeof(kControlPrefix) - 1);
   const std::string& m = req.method;
@@ -294,6 +281,8 @@ Reply Dispatch(State* state, ControlHost* host, const Request& req, const Json::
     out["kind"] = name;
     return JsonReply(200, out);
   }
+  Json::Value out;
+  if (state->model().Control(m, what, in, &out)) return JsonReply(200, out);
   return Error(404, "no control endpoint " + m + " /_emulator/" + what);
 }
 
@@ -306,11 +295,8 @@ bool IsControlPath(const Request& req) {
 Reply HandleControl(State* state, ControlHost* host, const Request& req) {
   Json::Value in(Json::objectValue);
   if (!req.body.empty()) {
-    Json::CharReaderBuilder b;
-    b["collectComments"] = false;
-    std::unique_ptr<Json::CharReader> reader(b.newCharReader());
     std::string errors;
-    if (!reader->parse(req.body.data(), req.body.data() + req.body.size(), &in, &errors))
+    if (!ParseJson(req.body, &in, &errors))
       return Error(400, "request body is not JSON: " + errors);
     if (!in.isObject()) return Error(400, "request body must be a JSON object");
   }

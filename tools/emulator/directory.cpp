@@ -47,24 +47,6 @@ const std::vector<std::pair<std::string, std::string>>& DirectoryEntries() {
   return entries;
 }
 
-namespace {
-
-std::string ReplaceAll(std::string s, const std::string& from, const std::string& to) {
-  for (size_t p = s.find(from); p != std::string::npos; p = s.find(from, p + to.size())) {
-    s.replace(p, from.size(), to);
-  }
-  return s;
-}
-
-std::string Compact(const Json::Value& v) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  b["emitUTF8"] = true;
-  return Json::writeString(b, v);
-}
-
-}  // namespace
-
 Reply BuildDirectory(const std::string& base, const DirectoryOverride& o) {
   Reply reply;
   reply.status = o.active ? o.status : 200;
@@ -122,18 +104,18 @@ Reply BuildDirectory(const std::string& base, const DirectoryOverride& o) {
   };
   std::vector<std::string> members;
   if (!omitted("url")) {
-    members.push_back("\"url\":" + (o.active && o.has_url ? Compact(o.url) : url_text));
+    members.push_back("\"url\":" + (o.active && o.has_url ? CompactJson(o.url) : url_text));
   }
   if (!omitted("size")) {
     // By default `size` counts the members the client will see: distinct
     // names, or the members of a replaced `url` when that is an object.
     size_t count = distinct.size();
     if (o.active && o.has_url) count = o.url.isObject() ? o.url.size() : 0;
-    std::string size = o.active && o.has_size ? Compact(o.size) : std::to_string(count);
+    std::string size = o.active && o.has_size ? CompactJson(o.size) : std::to_string(count);
     members.push_back("\"size\":" + size);
   }
   if (!omitted("twsConfig")) {
-    members.push_back("\"twsConfig\":" + Compact(o.active && o.has_tws ? o.tws : tws));
+    members.push_back("\"twsConfig\":" + CompactJson(o.active && o.has_tws ? o.tws : tws));
   }
   reply.body = "{";
   for (size_t i = 0; i < members.size(); ++i) reply.body += (i ? "," : "") + members[i];

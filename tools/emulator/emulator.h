@@ -17,6 +17,7 @@ struct Options {
   std::string cert_file;  // for kFiles, PEM
   std::string key_file;   // for kFiles, PEM
   bool verbose = false;   // one line per request on stderr
+  std::string state_file;  // keeps the service model across runs; empty: memory only
 };
 
 class Emulator {

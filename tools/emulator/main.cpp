@@ -22,6 +22,8 @@ void Usage(FILE* out) {
       "  --tls-key FILE      PEM private key for --tls-cert\n"
       "  --print-url         print the base URL as the first line on stdout\n"
       "  --verbose           one line per request on stderr\n"
+      "  --state FILE        keep the service model (users, documents, ...) in FILE\n"
+      "                      across runs; it is read at start and rewritten on change\n"
       "Tests drive the emulator through its control API under /_emulator/.\n",
       out);
 }
@@ -66,6 +68,8 @@ int main(int argc, char** argv) {
       opt.tls = Tls::kFiles;
     } else if (a == "--print-url") {
       print_url = true;
+    } else if (a == "--state") {
+      opt.state_file = value("--state");
     } else if (a == "--verbose") {
       opt.verbose = true;
     } else if (a == "--help" || a == "-h") {

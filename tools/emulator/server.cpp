@@ -472,6 +472,14 @@ struct Emulator::Impl : ControlHost {
     bool has_fault = state.TakeFault(req, &fault);
     Reply reply;
     if (!state.TakeScript(req, &reply)) reply = BuiltIn(req);
+    if (!has_fault && (reply.pace_ms > 0 || reply.chunked)) {
+      // Slow and chunked files go out in pieces, as a chunks fault sends them.
+      fault.kind = FaultKind::kChunks;
+      fault.count = 8;
+      fault.gap_ms = reply.pace_ms;
+      fault.chunked = reply.chunked;
+      has_fault = true;
+    }
     return Deliver(c, io, req, std::move(reply), has_fault ? &fault : nullptr, keep);
   }
 
@@ -483,6 +491,7 @@ struct Emulator::Impl : ControlHost {
       return BuildDirectory(req.listener, state.Directory());
     }
     Reply r;
+    if (state.model().Answer(req, &r)) return r;
     r.headers.emplace_back("Content-Type", "application/json");
     r.body = kDefaultEnvelope;
     return r;
@@ -624,6 +633,10 @@ struct Emulator::Impl : ControlHost {
         break;
     }
     if (o.tls != Options::Tls::kNone && ctx == nullptr) return false;
+    if (!o.state_file.empty() && !state.model().UseStateFile(o.state_file, error)) {
+      if (ctx != nullptr) SSL_CTX_free(ctx);
+      return false;
+    }
     std::lock_guard<std::mutex> lock(mu);
     Listener* l = nullptr;
     if (!OpenListener(ctx, kind, o.port, &l, error)) {

@@ -228,6 +228,7 @@ DirectoryOverride State::Directory() const {
 }
 
 void State::Reset() {
+  model_.Reset();
   std::lock_guard<std::mutex> lock(mu_);
   log_.clear();
   scripts_.clear();

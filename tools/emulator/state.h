@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "service_model.h"
 #include "wire.h"
 
 namespace tpcsdk::emulator {
@@ -28,12 +29,6 @@ struct Match {
   std::string query;   // raw query, compared exactly when has_query
 
   bool Matches(const Request& req) const;
-};
-
-struct Reply {
-  int status = 200;
-  HeaderList headers;
-  std::string body;
 };
 
 struct ScriptRule {
@@ -133,7 +128,10 @@ class State {
   void SetDirectory(DirectoryOverride o);
   DirectoryOverride Directory() const;
 
-  // Clears rules, log and directory override, and aborts every wait.
+  // The service model; it keeps its own lock.
+  ServiceModel& model() { return model_; }
+
+  // Clears rules, log, directory override and the model, and aborts every wait.
   void Reset();
   // Aborts every wait now and every later one at once.
   void Shutdown();
@@ -156,6 +154,7 @@ class State {
   DirectoryOverride directory_;
   std::map<uint64_t, std::shared_ptr<Wait>> waits_;
   bool shutdown_ = false;
+  ServiceModel model_;
 };
 
 // The built-in directory document for a listener, with `o` applied.

@@ -238,6 +238,26 @@ std::string PercentDecode(const std::string& s) {
   return out;
 }
 
+std::string QueryParam(const Request& req, const std::string& name) {
+  size_t pos = 0;
+  while (pos <= req.query.size()) {
+    size_t amp = req.query.find('&', pos);
+    if (amp == std::string::npos) amp = req.query.size();
+    std::string field = req.query.substr(pos, amp - pos);
+    if (field.compare(0, name.size() + 1, name + "=") == 0)
+      return PercentDecode(field.substr(name.size() + 1));
+    pos = amp + 1;
+  }
+  return "";
+}
+
+std::string ReplaceAll(std::string s, const std::string& from, const std::string& to) {
+  for (size_t p = s.find(from); p != std::string::npos; p = s.find(from, p + to.size())) {
+    s.replace(p, from.size(), to);
+  }
+  return s;
+}
+
 bool EqualsNoCase(const std::string& a, const std::string& b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i) {

@@ -35,6 +35,15 @@ struct Request {
   std::string DecodedPath() const;
 };
 
+// One reply as the server writes it.
+struct Reply {
+  int status = 200;
+  HeaderList headers;
+  std::string body;
+  int pace_ms = 0;       // > 0: the body goes out in pieces with this pause between them
+  bool chunked = false;  // the body goes out in chunked transfer coding, without a length
+};
+
 // Result of looking at the bytes of a request head.
 enum class HeadStatus { kIncomplete, kComplete, kBad };
 
@@ -72,7 +81,11 @@ class ChunkedDecoder {
 };
 
 std::string PercentDecode(const std::string& s);
+// The percent-decoded value of the first query field `name`; empty when absent.
+std::string QueryParam(const Request& req, const std::string& name);
 bool EqualsNoCase(const std::string& a, const std::string& b);
+// `s` with every `from` replaced by `to`.
+std::string ReplaceAll(std::string s, const std::string& from, const std::string& to);
 std::string Base64Encode(const std::string& bytes);
 // False on characters outside the alphabet (whitespace is skipped).
 bool Base64Decode(const std::string& text, std::string* bytes);
