@@ -96,6 +96,7 @@ class Ops : public ::testing::Test {
     rule["path"] = path;
     rule["status"] = status;
     rule["body"] = body;
+    rule["times"] = -1;
     ASSERT_NE(emu_->Script(rule), 0u) << emu_->last_error();
   }
   std::string LogText() { return testkit::ReadFile(dir_.path() / "ops.log"); }
@@ -221,7 +222,7 @@ TEST_F(Ops, RefusedUploadsLogTheirValues) {
   EXPECT_EQ(api->UploadDocInfo(&r.docInfo), 4);
   r.versionInfo.docPageCount = 0;
   EXPECT_EQ(api->UploadVersionInfo(&r.versionInfo), 4);
-  EXPECT_EQ(api->ModifyDocVersion("tok", "{\"a\":1}"), 0);
+  EXPECT_EQ(api->ModifyDocVersion("tok", "{\"a\":1}"), 9);  // the service knows no such token
   const std::string log = LogText();
   for (const char* line :
        {"UploadDocInfo. parameter is empty, cAppID:app-1 cDocID:doc-1 createTime:2026-11-23 "
@@ -585,6 +586,8 @@ TEST_F(Ops, UsageRecordsOperandsAndRetSet) {
   TESTKIT_EMULATOR_OR_SKIP(emu);
   ITetherdocServer* api = Start(emu);
   // Operands that are not an object travel as an empty string, and the call goes on.
+  Reply("POST", "/tdocapi/v1/documents/logs", 200, R"({"ret":0})");
+  ASSERT_TRUE(emu->ClearLog());
   Records r;
   W array("[1,2]"), broken("{\"a\":"), number("5");
   for (TDC_LPCWSTR operands : {static_cast<TDC_LPCWSTR>(array), static_cast<TDC_LPCWSTR>(broken),
@@ -665,6 +668,61 @@ TEST_F(Ops, OpenMessageNeedsTwoPlaceholdersAndLanguageChangesTheIdentity) {
   const std::string log = LogText();
   EXPECT_NE(log.find("SetClientLanguage fail, lpsClientLanguage is empty!"), std::string::npos);
   EXPECT_NE(log.find("SetClientLanguage, lpsClientLanguage:fr-FR"), std::string::npos);
+}
+
+}  // namespace
+
+namespace {
+
+// The connected-document life cycle against the emulator's service model, nothing
+// scripted: a user, a document with versions, a usage record, the owner's look-ups,
+// and what the service holds afterwards.
+TEST_F(Ops, LifeCycleAgainstTheServiceModel) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  Json::Value user;
+  user["cUserID"] = "u-1";
+  user["token"] = "tok-1";
+  user["userEmail"] = "ann@example.com";
+  user["firstname"] = "Ann";
+  user["lastname"] = "Smith";
+  ASSERT_TRUE(emu->Seed("users", user)) << emu->last_error();
+  ITetherdocServer* api = Start(emu);
+  ASSERT_EQ(api->SetAccessToken(W("tok-1")), 0);
+  Records r;
+  W owner("u-1");
+  r.docInfo.cUserID = owner;
+  r.versionInfo.cUserID = owner;
+
+  int32_t valid = 9;
+  EXPECT_EQ(api->CheckUserToken("tok-1", &valid), 0);
+  EXPECT_EQ(valid, 1);
+  EXPECT_EQ(api->CheckUserToken("nobody", &valid), -2);
+  EXPECT_EQ(api->UploadDocInfo(&r.docInfo), 0);
+  EXPECT_EQ(api->UploadDocInfo(&r.docInfo), 4);  // the service refuses a second registration
+  EXPECT_EQ(api->UploadVersionInfo(&r.versionInfo), 0);
+  EXPECT_EQ(api->UploadVersionInfo(&r.versionInfo), 4);
+  EXPECT_EQ(api->UpLoadUserLogger(&r.usage), 0);
+  EXPECT_EQ(api->ModifyDocVersion("tok-1", R"({"cVersionID":"ver-1","docPageCount":9})"), 0);
+
+  char* id = nullptr;
+  ASSERT_EQ(api->GetDocOwnerID("doc-1", &id), 0);
+  EXPECT_EQ(Take(id), "u-1");
+  char* email = nullptr;
+  char* mobile = g_textSentinel;
+  TDC_LPWSTR name = nullptr;
+  ASSERT_EQ(api->GetOwnerEmail(nullptr, "doc-1", &email, &name, &mobile), 0);
+  EXPECT_EQ(Take(email), "ann@example.com");
+  EXPECT_EQ(TakeWide(name), "Ann Smith");
+  EXPECT_EQ(mobile, g_textSentinel);  // the owner has no mobile number
+  EXPECT_EQ(api->GetDocOwnerID("no-such-doc", &id), 110002);  // the service's own code
+
+  const Json::Value versions = emu->Inspect("versions");
+  ASSERT_EQ(versions["versions"].size(), 1u) << versions;
+  EXPECT_EQ(versions["versions"][0u]["docPageCount"].asInt(), 9);
+  EXPECT_EQ(emu->Inspect("usage")["usage"].size(), 1u);
+  EXPECT_EQ(api->DeleteDocVersion("tok-1", "ver-1"), 0);
+  EXPECT_EQ(api->DeleteDocVersion("tok-1", "ver-1"), 6);  // gone: the frame's service error
+  EXPECT_EQ(emu->Inspect("versions")["versions"].size(), 0u);
 }
 
 }  // namespace
