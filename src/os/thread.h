@@ -59,4 +59,7 @@ void CloseEvent(EventHandle* event);
 
 void SleepMs(std::uint32_t ms);
 
+// True where a running thread keeps its module loaded (Windows; see above).
+bool ThreadsHoldTheirModule();
+
 }  // namespace tpcsdk::os

@@ -180,4 +180,6 @@ void SleepMs(std::uint32_t ms) {
   }
 }
 
+bool ThreadsHoldTheirModule() { return false; }
+
 }  // namespace tpcsdk::os

@@ -136,4 +136,6 @@ void CloseEvent(EventHandle* event) {
 
 void SleepMs(std::uint32_t ms) { ::Sleep(ms); }
 
+bool ThreadsHoldTheirModule() { return true; }
+
 }  // namespace tpcsdk::os
