@@ -135,25 +135,10 @@ int TetherdocServer::UnSubscribeUpdateNotification(const char* token, const char
       m_pLog->Write(
           "UnSubscribeUpdateNotification lpcsUserToken:%s, lpcsDocID:%s, lpcsVersionID:%s", token,
           cDocID, cVersionID);
-    std::lock_guard<std::recursive_mutex> lock(m_lockUpdates);
-    std::unique_ptr<UpdateSubscription> removed;
-    bool last = false;
-    {
-      std::lock_guard<std::mutex> list(m_lockUpdatesList);
-      for (auto it = m_listUpdates.begin(); it != m_listUpdates.end(); ++it) {
-        const UpdateSubscription& update = **it;
-        if (update.token != token || update.document != cDocID ||
-            update.localVersion != cVersionID)
-          continue;
-        removed = std::move(*it);
-        m_listUpdates.erase(it);
-        last = m_listUpdates.empty();
-        break;
-      }
-    }
-    if (!removed) return TDC_HRESULT_FAILED;
-    if (last) m_pPullThread->QueueManager()->RemoveEntry(kPullUpdate);
-    return TDC_HRESULT_OK;
+    return RemoveFirstUpdate([&](const UpdateSubscription& update) {
+      return update.token == token && update.document == cDocID &&
+             update.localVersion == cVersionID;
+    });
   });
 }
 
@@ -161,23 +146,30 @@ int TetherdocServer::UnSubscribeUpdateNotification(const char* token) {
   return Guarded(TDC_HRESULT_FAILED, [&]() -> int {
     if (!token) return TDC_HRESULT_FAILED;
     if (m_pLog) m_pLog->Write("UnSubscribeUpdateNotification lpcsUserToken:%s", token);
-    std::lock_guard<std::recursive_mutex> lock(m_lockUpdates);
-    std::unique_ptr<UpdateSubscription> removed;
-    bool last = false;
-    {
-      std::lock_guard<std::mutex> list(m_lockUpdatesList);
-      for (auto it = m_listUpdates.begin(); it != m_listUpdates.end(); ++it) {
-        if ((*it)->token != token) continue;
-        removed = std::move(*it);
-        m_listUpdates.erase(it);
-        last = m_listUpdates.empty();
-        break;
-      }
-    }
-    if (!removed) return TDC_HRESULT_FAILED;
-    if (last) m_pPullThread->QueueManager()->RemoveEntry(kPullUpdate);
-    return TDC_HRESULT_OK;
+    return RemoveFirstUpdate(
+        [&](const UpdateSubscription& update) { return update.token == token; });
   });
+}
+
+int TetherdocServer::RemoveFirstUpdate(
+    const std::function<bool(const UpdateSubscription&)>& matches) {
+  std::lock_guard<std::recursive_mutex> lock(m_lockUpdates);
+  std::unique_ptr<UpdateSubscription> removed;
+  bool last = false;
+  {
+    std::lock_guard<std::mutex> list(m_lockUpdatesList);
+    for (auto it = m_listUpdates.begin(); it != m_listUpdates.end(); ++it) {
+      if (!matches(**it)) continue;
+      removed = std::move(*it);
+      m_listUpdates.erase(it);
+      last = m_listUpdates.empty();
+      break;
+    }
+  }
+  if (!removed) return TDC_HRESULT_FAILED;
+  // The last update subscription takes its queue entry with it.
+  if (last) m_pPullThread->QueueManager()->RemoveEntry(kPullUpdate);
+  return TDC_HRESULT_OK;
 }
 
 std::vector<UpdateSubscription> TetherdocServer::SubscribedUpdates() {

@@ -3,6 +3,7 @@
 #pragma once
 #include <cstdint>
 #include <atomic>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -181,6 +182,8 @@ class TetherdocServer final : public ITetherdocServer {
   // Lock order: at most one of these, then the queue's own lock. The builders of the
   // queue take m_lockPollParams and then, for their copies, the list locks.
   friend class CPullMsgQueueManager;
+  // Removes the first update subscription that matches: 0, or -2 when none does.
+  int RemoveFirstUpdate(const std::function<bool(const UpdateSubscription&)>& matches);
   std::recursive_mutex m_lockAppID;
   std::recursive_mutex m_lockUsers;
   std::recursive_mutex m_lockPollParams;
