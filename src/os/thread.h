@@ -10,7 +10,8 @@
 //   thread from outside without leaving its locks and memory in an unknown state, so
 //   TerminateThread waits until the thread's routine returns.
 // - Priority. Windows takes the value as a thread priority. Linux maps it to the
-//   thread's nice value (priority 1 = nice -5, -1 = nice 5, and so on, within -20..19);
+//   thread's nice value (priority 1 = nice -5, -1 = nice 5, and so on, within -20..19;
+//   0 keeps the nice value the thread inherited);
 //   raising it needs the privilege to do so, and without that the value is ignored, as
 //   a failed SetThreadPriority is on Windows.
 // - Module lifetime. On Windows a thread holds a reference on the module that runs it

@@ -64,13 +64,13 @@ TEST(ModuleUnload, WithTheWorkerRunning) {
     ITetherdocServer* client = StartPollingClient(module, host);
     ASSERT_NE(client, nullptr);
     if (tpcsdk::os::ThreadsHoldTheirModule()) {
-      // The worker holds the module: freeing it leaves it loaded and the client alive,
-      // and a host that stops polling first can then unload it.
+      // The worker holds the module: freeing it leaves it loaded and the client alive.
+      // A host that loads it again and stops polling can then unload it.
       tpcsdk::os::UnloadModule(module);
       ASSERT_TRUE(tpcsdk::os::IsModuleLoadedBeside(kModule));
-      EXPECT_EQ(client->StopPolling(), TDC_HRESULT_OK);
       module = tpcsdk::os::LoadModuleBeside(kModule);
       ASSERT_NE(module, nullptr);
+      EXPECT_EQ(client->StopPolling(), TDC_HRESULT_OK);
     }
     tpcsdk::os::UnloadModule(module);  // the unload stops and joins the worker
     // Where the worker held the module, its own exit may drop the last reference.

@@ -105,6 +105,8 @@ void SetThreadPriority(ThreadHandle* thread, std::int32_t priority) {
   if (!thread) return;
   ThreadState& state = *thread->state;
   std::lock_guard<std::mutex> lock(state.mutex);
+  // The normal priority keeps the nice value the thread inherited.
+  if (priority == 0 && !state.niceChanged) return;
   const std::int64_t nice = -static_cast<std::int64_t>(priority) * 5;
   state.nice = static_cast<int>(std::clamp<std::int64_t>(nice, -20, 19));
   state.niceChanged = true;
