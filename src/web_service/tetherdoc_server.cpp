@@ -7,6 +7,7 @@
 #include "platform/diagnostic_log.h"
 #include "os/user_agent.h"
 #include "platform/platform.h"
+#include "polling/pull_msg_thread.h"
 #include "support/guard.h"
 #include "support/out_buffer.h"
 #include "support/utf.h"
@@ -42,9 +43,15 @@ TetherdocServer::TetherdocServer(const char* al, const char* an, const char* av)
   // The client logs where the platform logs; the platform comes up first if a host
   // somehow reached here without it.
   if (TDOCPlatform* platform = TDOCPlatform::Instance()) m_pLog = platform->Log();
+  m_pPullThread = std::make_unique<CPullMsgThread>(this);
 }
 
-TetherdocServer::~TetherdocServer() { StopRequest(); }
+TetherdocServer::~TetherdocServer() {
+  // The worker reads the subscriber lists and calls the host: it ends first.
+  if (m_pPullThread && m_pPullThread->IsRunning()) m_pPullThread->Stop();
+  m_pPullThread.reset();
+  StopRequest();
+}
 
 void TetherdocServer::Destroy(unsigned int flags) {
   if (flags & 1) {

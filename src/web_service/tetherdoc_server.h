@@ -2,9 +2,12 @@
 // host's API directory and runs every service call through one request frame.
 #pragma once
 #include <cstdint>
+#include <atomic>
+#include <functional>
 #include <initializer_list>
 #include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -16,9 +19,19 @@
 namespace tpcsdk {
 
 class CAsyncWinHttp;
+class CPullMsgQueueManager;
+class CPullMsgThread;
 class DiagnosticLog;
 struct UserRecord;
 struct DocumentRecord;
+
+// One subscription to a document's newer versions (UTF-8 texts).
+struct UpdateSubscription {
+  std::string token;
+  std::string document;
+  std::string localVersion;   // what the subscriber holds
+  std::string latestVersion;  // the last version the service reported; polled as cVersionID
+};
 
 // The envelope every service reply carries around its data.
 struct ReplyRecord {
@@ -155,6 +168,24 @@ class TetherdocServer final : public ITetherdocServer {
                    char** ticket) override;
   void Destroy(unsigned int flags) override;
 
+  // ---- polling (worker, queue, subscriptions) ----
+  // One polling round with the worker's parameter list (a JSON array).
+  void Internet_Polling(const char* lpcsParameterList);
+  // Ends a polling round in progress; the worker calls it when asked to stop.
+  void StopPollingRound();
+  // Removes the first update subscription of the token. 0, or -2 when there is none.
+  int UnSubscribeUpdateNotification(const char* token);
+  // Asks the service once for the latest version of a document and hands it to the
+  // message callback (code 1003); its cVersionID, or empty.
+  std::string GetLatestUpdateNotificationMessageExtra(const std::string& token,
+                                                      const std::string& document,
+                                                      const std::string& version);
+  // Copies of the subscriber lists, each taken under its own lock.
+  std::vector<std::string> SubscribedUsers();
+  std::string SubscribedAppID();
+  std::vector<UpdateSubscription> SubscribedUpdates();
+  CPullMsgThread* PollingWorker() { return m_pPullThread.get(); }
+
  private:
   std::map<std::u16string, std::u16string> m_mapApi;
   int32_t m_nApiReady = 0;
@@ -171,6 +202,34 @@ class TetherdocServer final : public ITetherdocServer {
   std::recursive_mutex m_lockToken;
   std::u16string m_wsAccessToken;
   DiagnosticLog* m_pLog = nullptr;
+
+  // ---- polling ----
+  // Lock order: at most one of these, then the queue's own lock. The builders of the
+  // queue take m_lockPollParams and then, for their copies, the list locks.
+  friend class CPullMsgQueueManager;
+  // Removes the first update subscription that matches: 0, or -2 when none does.
+  int RemoveFirstUpdate(const std::function<bool(const UpdateSubscription&)>& matches);
+  std::recursive_mutex m_lockAppID;
+  std::recursive_mutex m_lockUsers;
+  std::recursive_mutex m_lockPollParams;
+  std::recursive_mutex m_lockCallback;
+  std::recursive_mutex m_lockUpdates;  // held across a subscription's whole change
+  std::recursive_mutex m_lockTemplates;
+  // Guards the contents of m_listUpdates only, never across a request, so that the
+  // worker's copy does not wait for a subscription's look-up. Innermost lock.
+  std::mutex m_lockUpdatesList;
+  std::string m_strAppID;
+  std::list<std::string> m_listUsers;
+  std::list<std::unique_ptr<UpdateSubscription>> m_listUpdates;
+  // Read by the worker without the callback lock.
+  std::atomic<TDC_MessageCallback> m_pfnMessage{nullptr};
+  std::atomic<TDC_ErrorCallback> m_pfnError{nullptr};
+  std::atomic<void*> m_pUserData{nullptr};
+  // The polling configuration that StartPolling hands to the worker.
+  std::atomic<int32_t> m_nMinimumPollingTime{15};
+  std::atomic<int32_t> m_nMaxPollingNotResultCount{250};
+  // Built not running with the client; stopped first and freed by its destructor.
+  std::unique_ptr<CPullMsgThread> m_pPullThread;
 };
 
 }  // namespace tpcsdk
