@@ -38,6 +38,8 @@ using Clock = std::chrono::steady_clock;
 // Bytes of body that may wait for the reader before the transfer is paused.
 constexpr size_t kBufferCap = 256 * 1024;
 constexpr int kMaxRedirects = 10;
+// The name of every session's event thread, as the system's tools show it.
+constexpr char kEventThreadName[] = "tpcsdk-http";
 constexpr uint32_t kDefaultSecureProtocols =
     kHttpSecureProtocolTls1 | kHttpSecureProtocolTls1_1 | kHttpSecureProtocolTls1_2;
 

@@ -1,5 +1,7 @@
 // A session's event thread: the notification queue and its delivery, the operation
 // state machine of each request, the closing of handles, and the end of the session.
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <climits>
@@ -335,6 +337,7 @@ void StartSession(const std::shared_ptr<Core>& core) {
   }
   auto ended = std::make_shared<std::atomic<bool>>(false);
   list.push_back({std::thread([core, ended] {
+                    pthread_setname_np(pthread_self(), kEventThreadName);
                     Loop(core);
                     ended->store(true);
                   }),
