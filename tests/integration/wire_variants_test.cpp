@@ -23,7 +23,10 @@ namespace {
 using tpcsdk::TetherdocServer;
 using tpcsdk::Utf8ToUtf16;
 
-constexpr char kAppName[] = "Wire Cases";
+// The identity of the other wire tests: the process-wide session keeps the user agent
+// of the first request of the process, whichever test makes it.
+constexpr char kAppName[] = "My App Name";
+constexpr char kAppVersion[] = "12.1";
 const std::string kPath = "/tdocapi/v1/documents";
 // Large enough that an HTTP library would ask the server to continue first.
 const std::string kLargeBody = "{\"x\":\"" + std::string(300000, 'y') + "\"}\n";
@@ -43,7 +46,7 @@ class WireCases : public ::testing::Test {
   std::unique_ptr<TetherdocServer> ReadyClient(testkit::EmulatorClient* emu,
                                                const char* al = "en-US",
                                                const char* an = kAppName) {
-    auto client = std::make_unique<TetherdocServer>(al, an, "3.1");
+    auto client = std::make_unique<TetherdocServer>(al, an, kAppVersion);
     EXPECT_EQ(client->InitApi(Utf8ToUtf16(emu->base_url()).c_str()), TDC_HRESULT_OK);
     return client;
   }
@@ -238,7 +241,7 @@ TEST_F(WireCases, CachedDirectoryOfTheWrongSizeFailsWithoutARequestAndStays) {
   ASSERT_TRUE(std::filesystem::exists(entry));
   ASSERT_FALSE(cache.GetCacheApi(host).empty());
 
-  TetherdocServer client("en-US", kAppName, "3.1");
+  TetherdocServer client("en-US", kAppName, kAppVersion);
   EXPECT_EQ(client.InitApi(host.c_str()), TDC_HRESULT_HTTP_ERROR);
   EXPECT_TRUE(emu->Requests().empty());
   EXPECT_TRUE(std::filesystem::exists(entry));
@@ -253,7 +256,7 @@ TEST_F(WireCases, NonAsciiNameAndLanguageTravelAsUtf8) {
   auto client = ReadyClient(emu, al, an);
   const auto log = emu->Requests();
   ASSERT_EQ(log.size(), 1u);
-  EXPECT_EQ(log[0].path, std::string("/2.0.0.0/") + an + "/3.1/" + al + "/tdocApi.json");
+  EXPECT_EQ(log[0].path, std::string("/2.0.0.0/") + an + "/" + kAppVersion + "/" + al + "/tdocApi.json");
   for (unsigned char c : log[0].target) {
     EXPECT_TRUE(c > 0x20 && c < 0x7F) << "not escaped on the request line: " << log[0].target;
   }
