@@ -4,6 +4,7 @@
 // looks the handle up, locks its session and checks its kind. The event thread and
 // the state machine are in http_session.cpp, the libcurl transfer in http_hop.cpp.
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -34,11 +35,10 @@ struct Table {
   uintptr_t next = 0x1000;
 };
 
-// Never destroyed, so a session thread still running at exit finds it intact.
-Table& Handles() {
-  static Table* t = new Table;
-  return *t;
-}
+// Freed by EndAllSessions.
+LazyGlobal<Table> g_table;
+
+Table& Handles() { return g_table.Get(); }
 
 HttpHandle Register(const std::shared_ptr<Handle>& h) {
   Table& t = Handles();
@@ -323,6 +323,7 @@ void EndAllSessions() {
   }
   open.clear();
   JoinSessions();
+  delete g_table.Take();
   CurlGlobalCleanup();
 }
 

@@ -19,6 +19,7 @@
 #pragma once
 #include <curl/curl.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -42,6 +43,31 @@ constexpr int kMaxRedirects = 10;
 constexpr char kEventThreadName[] = "tpcsdk-http";
 constexpr uint32_t kDefaultSecureProtocols =
     kHttpSecureProtocolTls1 | kHttpSecureProtocolTls1_1 | kHttpSecureProtocolTls1_2;
+
+// A process-wide object made at first use and given back by Take. It cannot be a
+// static object: an unloaded module must free it, and at a program's exit the module's
+// end runs after static destructors.
+template <class T>
+class LazyGlobal {
+ public:
+  T& Get() {
+    T* p = ptr_.load(std::memory_order_acquire);
+    if (!p) {
+      auto* fresh = new T;
+      if (ptr_.compare_exchange_strong(p, fresh, std::memory_order_acq_rel)) {
+        p = fresh;
+      } else {
+        delete fresh;
+      }
+    }
+    return *p;
+  }
+  // The object, which the caller now owns; null when none was made.
+  T* Take() { return ptr_.exchange(nullptr); }
+
+ private:
+  std::atomic<T*> ptr_{nullptr};
+};
 
 // Sets the calling thread's last error and gives the failure value.
 bool Fail(uint32_t error);

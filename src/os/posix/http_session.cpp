@@ -290,11 +290,8 @@ struct Threads {
   std::vector<Entry> entries;
 };
 
-// Never destroyed: the module's end may come after static destructors have run.
-Threads& EventThreads() {
-  static Threads* t = new Threads;
-  return *t;
-}
+// Freed by JoinSessions.
+LazyGlobal<Threads> g_threads;
 
 }  // namespace
 
@@ -324,7 +321,7 @@ void Wake(Core& core) {
 }
 
 void StartSession(const std::shared_ptr<Core>& core) {
-  Threads& t = EventThreads();
+  Threads& t = g_threads.Get();
   std::lock_guard<std::mutex> lock(t.mu);
   auto& list = t.entries;
   for (auto it = list.begin(); it != list.end();) {
@@ -345,13 +342,10 @@ void StartSession(const std::shared_ptr<Core>& core) {
 }
 
 void JoinSessions() {
-  Threads& t = EventThreads();
-  std::vector<Threads::Entry> entries;
-  {
-    std::lock_guard<std::mutex> lock(t.mu);
-    entries.swap(t.entries);
-  }
-  for (auto& e : entries) e.thread.join();
+  Threads* t = g_threads.Take();
+  if (!t) return;
+  for (auto& e : t->entries) e.thread.join();
+  delete t;
 }
 
 }  // namespace tpcsdk::os::curlhttp
