@@ -23,7 +23,6 @@ namespace {
 
 using namespace curlhttp;
 using Clock = std::chrono::steady_clock;
-constexpr size_t kBufferCap = 256 * 1024;
 constexpr long kConnectTimeoutMs = 60000;
 constexpr auto kReceiveTimeout = std::chrono::seconds(30);
 
@@ -42,8 +41,7 @@ struct HttpBlockingGet::Impl {
   bool headers_done = false;
   HeaderFields headers;
   uint32_t status = 0;
-  std::string buffer;
-  size_t read_at = 0;  // the first byte not yet read
+  BodyBuffer received;
   bool paused = false;
   bool connected = false;  // the current hop is past connecting
   bool done = false;
@@ -85,15 +83,11 @@ struct HttpBlockingGet::Impl {
     const size_t n = size * count;
     d.last_io = Clock::now();
     if (!d.headers_done) return n;  // the body of a redirect
-    if (d.buffer.size() - d.read_at >= kBufferCap) {
+    if (d.received.Full()) {
       d.paused = true;
       return CURL_WRITEFUNC_PAUSE;
     }
-    if (d.read_at > 0 && d.read_at >= d.buffer.size() / 2) {
-      d.buffer.erase(0, d.read_at);
-      d.read_at = 0;
-    }
-    d.buffer.append(data, n);
+    d.received.Append(data, n);
     return n;
   }
 
@@ -101,7 +95,7 @@ struct HttpBlockingGet::Impl {
   template <class Ready>
   void Pump(Ready ready) {
     while (!ready() && !done) {
-      if (paused && buffer.size() - read_at < kBufferCap / 2) {
+      if (paused && received.Drained()) {
         paused = false;
         const CURLcode resumed = curl_easy_pause(easy, CURLPAUSE_CONT);
         if (resumed != CURLE_OK) {
@@ -209,8 +203,8 @@ bool HttpBlockingGet::Header(std::u16string_view name, std::u16string* value) co
 bool HttpBlockingGet::QueryDataAvailable(uint32_t* available) {
   if (!impl_ || !impl_->headers_done || !available) return Fail(kHttpErrorIncorrectHandleState);
   Impl& d = *impl_;
-  d.Pump([&d] { return d.buffer.size() > d.read_at; });
-  const size_t n = d.buffer.size() - d.read_at;
+  d.Pump([&d] { return d.received.Size() > 0; });
+  const size_t n = d.received.Size();
   if (n == 0 && d.error) return Fail(d.error);
   *available = static_cast<uint32_t>(std::min<size_t>(n, UINT32_MAX));
   return true;
@@ -221,11 +215,9 @@ bool HttpBlockingGet::Read(void* buffer, uint32_t size, uint32_t* read) {
     return Fail(kHttpErrorInvalidParameter);
   }
   Impl& d = *impl_;
-  d.Pump([&d] { return d.buffer.size() > d.read_at; });
-  const size_t n = std::min<size_t>(size, d.buffer.size() - d.read_at);
+  d.Pump([&d] { return d.received.Size() > 0; });
+  const size_t n = d.received.Take(buffer, size);
   if (n == 0 && d.error) return Fail(d.error);
-  if (n) std::memcpy(buffer, d.buffer.data() + d.read_at, n);
-  d.read_at += n;
   *read = static_cast<uint32_t>(n);
   return true;
 }

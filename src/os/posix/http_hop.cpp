@@ -127,15 +127,11 @@ size_t OnWrite(char* data, size_t size, size_t count, void* p) {
   const size_t n = size * count;
   r.hop.t_io = Clock::now();
   if (r.hop.redirect_pending || !r.headers_ready) return n;  // the body of a redirect
-  if (r.Buffered() >= kBufferCap) {
+  if (r.received.Full()) {
     r.paused = true;
     return CURL_WRITEFUNC_PAUSE;
   }
-  if (r.buffer_head > 0 && r.buffer_head >= r.buffer.size() / 2) {
-    r.buffer.erase(0, r.buffer_head);
-    r.buffer_head = 0;
-  }
-  r.buffer.append(data, n);
+  r.received.Append(data, n);
   return n;
 }
 
@@ -399,7 +395,7 @@ bool StartTransfer(Request& r) {
 }
 
 void ResumeIfDrained(Request& r) {
-  if (r.paused && r.hop.easy && r.Buffered() < kBufferCap / 2) {
+  if (r.paused && r.hop.easy && r.received.Drained()) {
     r.paused = false;
     // May deliver held data at once; a refusal ends the transfer.
     const CURLcode resumed = curl_easy_pause(r.hop.easy, CURLPAUSE_CONT);

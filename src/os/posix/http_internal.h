@@ -36,8 +36,6 @@ namespace tpcsdk::os::curlhttp {
 
 using Clock = std::chrono::steady_clock;
 
-// Bytes of body that may wait for the reader before the transfer is paused.
-constexpr size_t kBufferCap = 256 * 1024;
 constexpr int kMaxRedirects = 10;
 // The name of every session's event thread, as the system's tools show it.
 constexpr char kEventThreadName[] = "tpcsdk-http";
@@ -185,14 +183,11 @@ struct Request : Handle {
   // The final response.
   bool headers_ready = false;
   ResponseHead final_head;
-  std::string buffer;  // body bytes not yet read, from buffer_head on
-  size_t buffer_head = 0;
+  BodyBuffer received;
   bool paused = false;
   bool waiting_noted = false;  // RECEIVING_RESPONSE sent for the wait in progress
   bool done = false;           // no more bytes will arrive
   uint32_t error = 0;          // why the transfer ended early; 0 when it did not
-
-  size_t Buffered() const { return buffer.size() - buffer_head; }
 };
 
 // A notification ready for delivery; it holds everything the callback is given.

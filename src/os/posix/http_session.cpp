@@ -131,7 +131,7 @@ void AdvanceReceive(Request& r) {
 
 // QueryDataAvailable and ReadData: both wait for at least one byte or the end.
 void AdvanceBody(Request& r) {
-  const size_t avail = r.Buffered();
+  const size_t avail = r.received.Size();
   if (avail == 0 && !r.done) {
     if (!r.waiting_noted) {
       r.waiting_noted = true;
@@ -148,13 +148,7 @@ void AdvanceBody(Request& r) {
     return Complete(r, Phase::kBody, kHttpStatusDataAvailable,
                     static_cast<uint32_t>(std::min<size_t>(avail, UINT32_MAX)));
   }
-  const size_t n = std::min<size_t>(avail, r.read_length);
-  if (n) std::memcpy(r.read_buffer, r.buffer.data() + r.buffer_head, n);
-  r.buffer_head += n;
-  if (r.buffer_head == r.buffer.size()) {
-    r.buffer.clear();
-    r.buffer_head = 0;
-  }
+  const size_t n = r.received.Take(r.read_buffer, r.read_length);
   void* target = r.read_buffer;
   r.read_buffer = nullptr;
   Complete(r, Phase::kBody, kHttpStatusReadComplete, static_cast<uint32_t>(n), target);
@@ -204,8 +198,7 @@ void ProcessCloses(Core& core) {
       EndTransfer(r);
       FailPending(r, kHttpErrorOperationCancelled);
       r.read_buffer = nullptr;
-      r.buffer.clear();
-      r.buffer.shrink_to_fit();
+      r.received.Clear();
     }
     MaybeFree(h);
   }

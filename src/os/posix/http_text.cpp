@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 #include "os/http.h"
@@ -158,6 +159,30 @@ bool Bypassed(const std::vector<std::string>& bypass, std::string_view host) {
     }
   }
   return false;
+}
+
+void BodyBuffer::Append(const char* data, size_t n) {
+  if (head_ > 0 && head_ >= bytes_.size() / 2) {
+    bytes_.erase(0, head_);
+    head_ = 0;
+  }
+  bytes_.append(data, n);
+}
+
+size_t BodyBuffer::Take(void* out, size_t max) {
+  const size_t n = std::min(max, Size());
+  if (n) std::memcpy(out, bytes_.data() + head_, n);
+  head_ += n;
+  if (head_ == bytes_.size()) {
+    bytes_.clear();
+    head_ = 0;
+  }
+  return n;
+}
+
+void BodyBuffer::Clear() {
+  std::string().swap(bytes_);
+  head_ = 0;
 }
 
 namespace {

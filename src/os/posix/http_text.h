@@ -66,6 +66,26 @@ class CurlOptions {
   CURLcode result_ = CURLE_OK;
 };
 
+// Received body bytes waiting for the reader. It is bounded: a write that finds it
+// full asks libcurl to pause the transfer, and the transfer goes on once the reader has
+// taken half of it, so a slow reader does not grow memory.
+class BodyBuffer {
+ public:
+  static constexpr size_t kCap = 256 * 1024;
+  size_t Size() const { return bytes_.size() - head_; }
+  bool Full() const { return Size() >= kCap; }
+  bool Drained() const { return Size() < kCap / 2; }
+  void Append(const char* data, size_t n);
+  // Copies up to `max` bytes to `out`; the count copied.
+  size_t Take(void* out, size_t max);
+  // Drops what waits, memory included.
+  void Clear();
+
+ private:
+  std::string bytes_;
+  size_t head_ = 0;  // the first byte not yet taken
+};
+
 // libcurl's global state, set up once for both paths and given back at the module's end.
 bool CurlGlobalInit();
 void CurlGlobalCleanup();
