@@ -359,11 +359,7 @@ HttpHandle HttpOpen(std::u16string_view agent, uint32_t access_type, std::u16str
     const bool ready =
         core->multi && core->share &&
         curl_share_setopt(core->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE) == CURLSHE_OK;
-    if (!ready) {
-      if (core->multi) curl_multi_cleanup(core->multi);
-      if (core->share) curl_share_cleanup(core->share);
-      return FailWith<HttpHandle>(kHttpErrorNotEnoughMemory);
-    }
+    if (!ready) return FailWith<HttpHandle>(kHttpErrorNotEnoughMemory);
     auto session = std::make_shared<Session>();
     session->core = core;
     StartSession(core);

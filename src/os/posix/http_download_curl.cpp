@@ -6,9 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
-#include <vector>
 
 #include "os/http.h"
 #include "os/http_download.h"

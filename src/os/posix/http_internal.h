@@ -204,6 +204,15 @@ struct Note {
 };
 
 struct Core {
+  Core() = default;
+  // The loop gives back the multi handle and the share when it ends; this is for a
+  // session whose loop never started.
+  ~Core() {
+    if (multi) curl_multi_cleanup(multi);
+    if (share) curl_share_cleanup(share);
+  }
+  Core(const Core&) = delete;
+  Core& operator=(const Core&) = delete;
   std::mutex mu;
   CURLM* multi = nullptr;
   CURLSH* share = nullptr;
