@@ -137,11 +137,14 @@ size_t OnWrite(char* data, size_t size, size_t count, void* p) {
 
 // ---- set-up of a hop ------------------------------------------------------------------
 
+// A hop without a body sends no Content-Length; any verb but GET and HEAD is named on
+// the request line as it stands.
 void SetMethod(CurlOptions& o, const Hop& hop, size_t body_size) {
-  if (hop.verb == "GET" && !hop.has_body) {
-    o.Set(CURLOPT_HTTPGET, 1L);
-  } else if (hop.verb == "HEAD") {
+  if (hop.verb == "HEAD") {
     o.Set(CURLOPT_NOBODY, 1L);
+  } else if (!hop.has_body) {
+    o.Set(CURLOPT_HTTPGET, 1L);
+    if (hop.verb != "GET") o.Set(CURLOPT_CUSTOMREQUEST, hop.verb.c_str());
   } else {
     o.Set(CURLOPT_POST, 1L);
     o.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_size));
@@ -386,7 +389,8 @@ bool StartTransfer(Request& r) {
   hop.base = BaseUrl(r.secure, r.host, r.port);
   hop.target = r.target;
   hop.verb = r.verb;
-  hop.has_body = !r.body.empty() || (r.verb != "GET" && r.verb != "HEAD");
+  // As WinHTTP does, POST and PUT state their length even when it is 0.
+  hop.has_body = !r.body.empty() || r.verb == "POST" || r.verb == "PUT";
   if (const uint32_t error = StartHop(r)) {
     FailTransfer(r, error);
     return false;
