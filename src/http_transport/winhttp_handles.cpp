@@ -51,6 +51,8 @@ void WinHttpSession::Create(const std::u16string& agent) {
   if (!g_session.compare_exchange_strong(expected, session)) delete session;
 }
 
+void WinHttpSession::CloseInstance() { delete g_session.exchange(nullptr); }
+
 bool WinHttpSession::Open(const std::u16string& agent) {
   m_wsAgent = agent;
   os::HttpProxyConfig proxy;

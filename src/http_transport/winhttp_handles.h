@@ -25,13 +25,17 @@ class WinHttpHandle {
   os::HttpHandle m_hHandle = nullptr;
 };
 
-// The process-wide session: opened with the first request's agent, never closed.
+// The process-wide session: opened with the first request's agent, closed only when
+// the module is unloaded from a live process.
 class WinHttpSession final : public WinHttpHandle {
  public:
   // The session, or null before the first Create.
   static WinHttpSession* Instance();
   // Opens the process-wide session with agent unless one exists.
   static void Create(const std::u16string& agent);
+  // Closes the process-wide session at the module's end, once every client (and so
+  // every request) is gone.
+  static void CloseInstance();
   bool Open(const std::u16string& agent);
 
  private:

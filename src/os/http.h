@@ -54,6 +54,8 @@
 //     backend never touches a caller's read buffer after it.
 //   - Handles are ids checked against a table, so a stale or made-up handle fails with
 //     kHttpErrorInvalidHandle instead of touching freed memory.
+//   - When the module ends (dlclose or exit), handles still open are closed without
+//     notifications and every session's event thread is joined.
 //
 // URL cracking (HttpCrackUrl) gives WinHttpCrackUrl's answers on both platforms: scheme
 // number, host, port (80/443 by default), user, password, path, extra info (query and

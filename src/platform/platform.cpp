@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "http_transport/winhttp_handles.h"
 #include "os/module.h"
 #include "platform/diagnostic_log.h"
 #include "profstore/profstore_ex.h"
@@ -15,7 +16,12 @@ namespace {
 
 TDOCPlatform* g_pPlatform = nullptr;
 
-void OnModuleEnd(bool processEnding) { TDOCPlatform::ExitInstance(processEnding); }
+void OnModuleEnd(bool processEnding) {
+  TDOCPlatform::ExitInstance(processEnding);
+  // Unloaded from a live process: with the clients gone, the session goes too, so the
+  // HTTP client holds nothing of the module's once its code is unmapped.
+  if (!processEnding) WinHttpSession::CloseInstance();
+}
 
 std::string Narrow(const std::u16string& s) { return Utf16ToUtf8(s); }
 

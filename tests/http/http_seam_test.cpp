@@ -382,7 +382,15 @@ TEST(HttpSeam, ManyStalledRequestsCloseTogether) {
 
 struct FailureCase {
   const char* name;
-  enum { kRefused, kCloseBeforeHeaders, kResetBeforeHeaders, kResetMidBody, kTimeout } how;
+  enum {
+    kRefused,
+    kCloseBeforeHeaders,
+    kResetBeforeHeaders,
+    kResetMidBody,
+    kTimeout,
+    kConnectTimeout,  // the TLS handshake is never answered
+    kSendTimeout,     // the server never reads the body
+  } how;
   uintptr_t call;
   std::vector<uint32_t> errors;  // WinHTTP's number first; wine reports some socket errors
 };
@@ -391,9 +399,17 @@ class HttpSeamFailure : public ::testing::TestWithParam<FailureCase> {};
 
 TEST_P(HttpSeamFailure, EndsWithOneRequestError) {
   const FailureCase& fc = GetParam();
+  if (fc.how == FailureCase::kConnectTimeout && httptest::UnderWine()) {
+    GTEST_SKIP() << "wine's WinHTTP sets no limit on the TLS handshake";
+  }
   Exchange* client = nullptr;
   testkit::Signal done;
+  const bool silent = fc.how == FailureCase::kConnectTimeout || fc.how == FailureCase::kSendTimeout;
   RawServer s([&](Connection& c) {
+    if (silent) {
+      done.WaitFor(kBound);
+      return;
+    }
     Received r;
     if (!c.Read(&r)) return;
     if (fc.how == FailureCase::kCloseBeforeHeaders) return;
@@ -406,15 +422,22 @@ TEST_P(HttpSeamFailure, EndsWithOneRequestError) {
     if (client->WaitReads(1)) c.Reset();
   });
   const uint16_t port = fc.how == FailureCase::kRefused ? httptest::ClosedPort() : s.port();
-  Exchange x(port);
+  Exchange x(port, fc.how == FailureCase::kSendTimeout ? u"POST" : u"GET", u"/p",
+             fc.how == FailureCase::kConnectTimeout ? kHttpFlagSecure : 0);
   client = &x;
   x.HoldAfterReads(1);
+  // Short limits in place of the defaults of a minute and half a minute.
+  const uint32_t ms = 300;
   if (fc.how == FailureCase::kTimeout) {
-    const uint32_t ms = 300;
     ASSERT_TRUE(HttpSetOption(x.request(), kHttpOptionReceiveTimeout, &ms, sizeof(ms)));
     ASSERT_TRUE(HttpSetOption(x.request(), kHttpOptionReceiveResponseTimeout, &ms, sizeof(ms)));
+  } else if (fc.how == FailureCase::kConnectTimeout) {
+    ASSERT_TRUE(HttpSetOption(x.request(), kHttpOptionConnectTimeout, &ms, sizeof(ms)));
+  } else if (fc.how == FailureCase::kSendTimeout) {
+    ASSERT_TRUE(HttpSetOption(x.request(), kHttpOptionSendTimeout, &ms, sizeof(ms)));
   }
-  ASSERT_TRUE(x.Send());
+  // More than the loopback's socket buffers hold, so the send stalls.
+  ASSERT_TRUE(x.Send(fc.how == FailureCase::kSendTimeout ? std::string(64 << 20, 'b') : ""));
   ASSERT_TRUE(x.WaitEnded());
   done.Set();
   x.CloseRequest();
@@ -429,7 +452,7 @@ TEST_P(HttpSeamFailure, EndsWithOneRequestError) {
   ASSERT_EQ(err.status, kHttpStatusRequestError);
   EXPECT_EQ(err.call, fc.call);
   EXPECT_NE(std::find(fc.errors.begin(), fc.errors.end(), err.error), fc.errors.end()) << err.error;
-  EXPECT_EQ(ev[0].status == kHttpStatusSendRequestComplete, fc.how != FailureCase::kRefused);
+  EXPECT_EQ(ev[0].status == kHttpStatusSendRequestComplete, fc.call != kHttpApiSendRequest);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -443,6 +466,10 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"ResetMidBody", FailureCase::kResetMidBody, kHttpApiQueryDataAvailable,
                     {kHttpErrorConnectionError, 10054}},
         FailureCase{"ReceiveTimeout", FailureCase::kTimeout, kHttpApiReceiveResponse,
+                    {kHttpErrorTimeout, 10060}},
+        FailureCase{"ConnectTimeout", FailureCase::kConnectTimeout, kHttpApiSendRequest,
+                    {kHttpErrorTimeout, 10060}},
+        FailureCase{"SendTimeout", FailureCase::kSendTimeout, kHttpApiSendRequest,
                     {kHttpErrorTimeout, 10060}}),
     [](const auto& info) { return std::string(info.param.name); });
 

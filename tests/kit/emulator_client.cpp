@@ -16,6 +16,8 @@
 #include <mutex>
 
 #ifdef TPCSDK_TESTKIT_INPROCESS_EMULATOR
+#include <openssl/ssl.h>
+
 #include "emulator/emulator.h"
 #endif
 
@@ -355,6 +357,10 @@ EmulatorClient* AcquireEmulator(std::string* why_not, bool* is_error) {
   static std::mutex m;
   static std::unique_ptr<EmulatorClient> client;
 #ifdef TPCSDK_TESTKIT_INPROCESS_EMULATOR
+  // OpenSSL is set up before the emulator, so its clean-up at exit runs after the
+  // emulator has stopped: the emulator's connection threads then end, and give back
+  // their per-thread TLS state, while the library is still there.
+  static const bool tls_ready = OPENSSL_init_ssl(0, nullptr) == 1;
   static std::unique_ptr<tpcsdk::emulator::Emulator> local;
 #endif
   std::lock_guard<std::mutex> lock(m);
@@ -365,6 +371,11 @@ EmulatorClient* AcquireEmulator(std::string* why_not, bool* is_error) {
       client = std::make_unique<EmulatorClient>(url);
     } else {
 #ifdef TPCSDK_TESTKIT_INPROCESS_EMULATOR
+      if (!tls_ready) {
+        *why_not = "cannot set up TLS for the in-process emulator";
+        *is_error = true;
+        return nullptr;
+      }
       local = std::make_unique<tpcsdk::emulator::Emulator>();
       std::string error;
       if (!local->Start(tpcsdk::emulator::Options(), &error)) {

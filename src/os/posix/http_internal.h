@@ -1,0 +1,261 @@
+// The state behind the Linux HTTP seam, shared by its three parts:
+//   http_curl.cpp      the handle table and the entry points of os/http.h
+//   http_session.cpp   a session's event thread, its notification queue, closing, and
+//                      the operation state machine of a request
+//   http_hop.cpp       one hop of a request on libcurl: set-up, callbacks, redirects,
+//                      deadlines
+// Rules:
+//   - Each session owns one event thread, one multi handle and one cookie share. Every
+//     curl object of the session is touched only on that thread.
+//   - All state of a session's handles is guarded by the session's mutex. The event
+//     thread holds it while curl runs (curl's callbacks run inside and may use it) and
+//     drops it to deliver notifications and to wait for sockets.
+//   - Notifications are queued under the mutex and delivered on the event thread in
+//     queue order, so they never overlap and HANDLE_CLOSING, queued last for a handle,
+//     is delivered last. A queued notification is self-contained: delivery touches no
+//     handle state.
+//   - Handles are ids in a process table; the table entry goes at HttpCloseHandle, the
+//     object when its HANDLE_CLOSING has been queued and nothing refers to it any more.
+#pragma once
+#include <curl/curl.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "os/http.h"
+#include "os/posix/http_text.h"
+
+namespace tpcsdk::os::curlhttp {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kMaxRedirects = 10;
+// The name of every session's event thread, as the system's tools show it.
+constexpr char kEventThreadName[] = "tpcsdk-http";
+constexpr uint32_t kDefaultSecureProtocols =
+    kHttpSecureProtocolTls1 | kHttpSecureProtocolTls1_1 | kHttpSecureProtocolTls1_2;
+
+// A process-wide object made at first use and given back by Take. It cannot be a
+// static object: an unloaded module must free it, and at a program's exit the module's
+// end runs after static destructors.
+template <class T>
+class LazyGlobal {
+ public:
+  T& Get() {
+    T* p = ptr_.load(std::memory_order_acquire);
+    if (!p) {
+      auto* fresh = new T;
+      if (ptr_.compare_exchange_strong(p, fresh, std::memory_order_acq_rel)) {
+        p = fresh;
+      } else {
+        delete fresh;
+      }
+    }
+    return *p;
+  }
+  // The object, which the caller now owns; null when none was made.
+  T* Take() { return ptr_.exchange(nullptr); }
+
+ private:
+  std::atomic<T*> ptr_{nullptr};
+};
+
+// Sets the calling thread's last error and gives the failure value.
+bool Fail(uint32_t error);
+void SetLastError(uint32_t error);
+
+// Closes every handle still open, without notifications, and waits for the event
+// threads to end: the module's code must not run on them once it is unloaded.
+void EndAllSessions();
+
+struct Timeouts {
+  int32_t resolve = 0;  // none
+  int32_t connect = 60000;
+  int32_t send = 30000;
+  int32_t receive = 30000;
+  int32_t receive_response = 30000;
+};
+
+enum class Kind { kSession, kConnect, kRequest };
+
+struct Core;
+
+struct Handle {
+  explicit Handle(Kind k) : kind(k) {}
+  virtual ~Handle() = default;
+  const Kind kind;
+  uintptr_t id = 0;
+  std::shared_ptr<Core> core;
+  std::shared_ptr<Handle> parent;
+  // Guarded by core->mu.
+  HttpStatusCallback callback = nullptr;
+  uint32_t mask = 0;
+  uintptr_t context = 0;
+  Timeouts timeouts;
+  bool closed_by_app = false;
+  bool freed = false;  // HANDLE_CLOSING queued
+  int children = 0;
+};
+
+struct Session : Handle {
+  static constexpr Kind kKind = Kind::kSession;
+  Session() : Handle(kKind) {}
+};
+
+struct Connect : Handle {
+  static constexpr Kind kKind = Kind::kConnect;
+  Connect() : Handle(kKind) {}
+  std::string host;  // UTF-8
+  uint16_t port = 0;
+};
+
+// Where a request's exchange stands. The caller's calls move it forward; a pending
+// operation (kSending, kReceiving, kQuerying, kReading) ends with exactly one
+// notification, queued by Complete or by FailPending.
+enum class Phase {
+  kOpen,       // opened; headers may be added
+  kSending,    // HttpSendRequest: SENDREQUEST_COMPLETE next
+  kSent,       // waiting for HttpReceiveResponse
+  kReceiving,  // HttpReceiveResponse: HEADERS_AVAILABLE next
+  kBody,       // headers delivered; between body operations
+  kQuerying,   // HttpQueryDataAvailable: DATA_AVAILABLE next
+  kReading,    // HttpReadData: READ_COMPLETE next
+  kFailed,     // a REQUEST_ERROR ended the exchange
+};
+
+// The state of one hop of the transfer: one libcurl easy handle, reset on a redirect.
+struct Hop {
+  CURL* easy = nullptr;
+  std::string url;          // the whole URL of the hop
+  std::string base;         // "scheme://host:port"
+  std::string target;       // what goes on the request line
+  std::string host;
+  bool secure = false;
+  std::string verb;
+  std::string request_line;  // kept alive for curl
+  bool has_body = false;
+  bool socket_opened = false;
+  bool prereq_fired = false;
+  bool upload_done = false;
+  bool response_started = false;
+  Clock::time_point t_start, t_socket, t_io;
+  ResponseHead head;
+  bool redirect_pending = false;
+  std::string redirect_url;
+  uint32_t header_bytes = 0;
+};
+
+struct Request : Handle {
+  static constexpr Kind kKind = Kind::kRequest;
+  Request() : Handle(kKind) {}
+  ~Request() override;
+
+  // Set at open.
+  std::string host;
+  uint16_t port = 0;
+  bool secure = false;
+  std::string verb;
+  std::string target;                // path and query as they go on the request line
+  std::vector<std::string> headers;  // "Name: value"
+  uint32_t security_flags = 0;
+  uint32_t redirect_policy = kHttpRedirectPolicyDisallowHttpsToHttp;
+
+  // The exchange.
+  Phase phase = Phase::kOpen;
+  bool started = false;  // the transfer has been handed to curl
+  bool request_sent_noted = false;
+  void* read_buffer = nullptr;
+  uint32_t read_length = 0;
+  std::string body;
+  size_t body_offset = 0;
+  curl_slist* header_list = nullptr;
+  Hop hop;
+  int redirects = 0;
+  uint32_t request_bytes = 0;
+
+  // The final response.
+  bool headers_ready = false;
+  ResponseHead final_head;
+  BodyBuffer received;
+  bool paused = false;
+  bool waiting_noted = false;  // RECEIVING_RESPONSE sent for the wait in progress
+  bool done = false;           // no more bytes will arrive
+  uint32_t error = 0;          // why the transfer ended early; 0 when it did not
+};
+
+// A notification ready for delivery; it holds everything the callback is given.
+struct Note {
+  HttpStatusCallback callback;
+  HttpHandle handle;
+  uintptr_t context;
+  uint32_t status;
+  void* info = nullptr;  // the caller's buffer for READ_COMPLETE
+  uint32_t length = 0;
+  uint32_t number = 0;
+  HttpAsyncResult result{};
+  std::u16string text;
+};
+
+struct Core {
+  Core() = default;
+  // The loop gives back the multi handle and the share when it ends; this is for a
+  // session whose loop never started.
+  ~Core() {
+    if (multi) curl_multi_cleanup(multi);
+    if (share) curl_share_cleanup(share);
+  }
+  Core(const Core&) = delete;
+  Core& operator=(const Core&) = delete;
+  std::mutex mu;
+  CURLM* multi = nullptr;
+  CURLSH* share = nullptr;
+  std::thread::id loop_thread;
+  bool dirty = false;
+  bool finished = false;  // the session's HANDLE_CLOSING is queued; the loop ends
+  std::vector<std::shared_ptr<Request>> requests;
+  std::vector<std::shared_ptr<Handle>> to_close;
+  std::deque<Note> notes;
+  // Session settings.
+  std::string agent;
+  std::string http_proxy, https_proxy;
+  std::vector<std::string> bypass;
+  uint32_t secure_protocols = kDefaultSecureProtocols;
+};
+
+// ---- http_session.cpp ------------------------------------------------------------
+
+// Queueing notifications (core->mu held).
+void Notify(Handle& h, uint32_t status);
+void NotifyNumber(Handle& h, uint32_t status, uint32_t number);
+void NotifyText(Handle& h, uint32_t status, std::string_view text);
+// Asks the event thread to look at the session again.
+void Wake(Core& core);
+// Starts the session's event thread (throws when no thread can be made).
+void StartSession(const std::shared_ptr<Core>& core);
+// Waits for every event thread to end; their sessions must be closing.
+void JoinSessions();
+
+// ---- http_hop.cpp (event thread, core->mu held) -------------------------------------
+
+// Hands the request to libcurl. False when curl refuses.
+bool StartTransfer(Request& r);
+// Lets a paused transfer go on once the reader has made room.
+void ResumeIfDrained(Request& r);
+// Takes the transfer's end from libcurl: a redirect to follow, or the response's end.
+void OnTransferDone(Request& r, CURLcode code);
+// Ends the transfer early (cancelled, timed out).
+void EndTransfer(Request& r);
+void FailTransfer(Request& r, uint32_t error);
+// The deadline of the phase the transfer is in; false when none applies.
+bool Deadline(const Request& r, Clock::time_point* when);
+// Bytes of the request's head as sent, 0 when not known yet.
+uint32_t RequestHeadBytes(const Request& r);
+
+}  // namespace tpcsdk::os::curlhttp

@@ -1,0 +1,344 @@
+// A session's event thread: the notification queue and its delivery, the operation
+// state machine of each request, the closing of handles, and the end of the session.
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstring>
+#include <utility>
+
+#include "os/posix/http_internal.h"
+#include "support/utf.h"
+
+namespace tpcsdk::os::curlhttp {
+
+namespace {
+
+// ---- notifications (core->mu held) --------------------------------------------------
+
+Note& Queue(Handle& h, uint32_t status) {
+  Note n;
+  n.callback = h.callback;
+  n.handle = reinterpret_cast<HttpHandle>(h.id);
+  n.context = h.context;
+  n.status = status;
+  h.core->notes.push_back(std::move(n));
+  return h.core->notes.back();
+}
+
+bool Wants(const Handle& h, uint32_t status) { return h.callback && (h.mask & status) != 0; }
+
+void Deliver(Note& n) {
+  if (!n.callback) return;
+  void* info = n.info;
+  switch (n.status) {
+    case kHttpStatusDataAvailable:
+    case kHttpStatusSecureFailure:
+    case kHttpStatusRequestSent:
+    case kHttpStatusResponseReceived:
+      info = &n.number;
+      break;
+    case kHttpStatusRequestError:
+      info = &n.result;
+      break;
+    case kHttpStatusHandleClosing:
+      info = &n.handle;
+      n.length = sizeof(HttpHandle);
+      break;
+    case kHttpStatusReadComplete:
+      break;
+    default:
+      info = n.text.empty() && n.length == 0 ? nullptr : n.text.data();
+      break;
+  }
+  try {
+    n.callback(n.handle, n.context, n.status, info, n.length);
+  } catch (...) {
+    // A callback's exception must not end the event thread.
+  }
+}
+
+// ---- the operation state machine (core->mu held) --------------------------------------
+
+// The call a REQUEST_ERROR names for the operation pending in `phase`; 0 when none is.
+uintptr_t PendingCall(Phase phase) {
+  switch (phase) {
+    case Phase::kSending: return kHttpApiSendRequest;
+    case Phase::kReceiving: return kHttpApiReceiveResponse;
+    case Phase::kQuerying: return kHttpApiQueryDataAvailable;
+    case Phase::kReading: return kHttpApiReadData;
+    default: return 0;
+  }
+}
+
+// Ends the pending operation: the phase moves to `next` and the operation's one
+// notification is queued (DATA_AVAILABLE with `count`, READ_COMPLETE with the caller's
+// `buffer` and `count`).
+void Complete(Request& r, Phase next, uint32_t status, uint32_t count = 0,
+              void* buffer = nullptr) {
+  r.phase = next;
+  if (!Wants(r, status)) return;
+  Note& n = Queue(r, status);
+  if (status == kHttpStatusDataAvailable) {
+    n.number = count;
+    n.length = sizeof(uint32_t);
+  } else if (status == kHttpStatusReadComplete) {
+    n.info = buffer;
+    n.length = count;
+  }
+}
+
+// Ends the pending operation with one REQUEST_ERROR. A failed body operation leaves the
+// headers readable and fails again if repeated; a failed send or receive ends it all.
+void FailPending(Request& r, uint32_t error) {
+  const uintptr_t call = PendingCall(r.phase);
+  if (!call) return;
+  r.phase = (r.phase == Phase::kQuerying || r.phase == Phase::kReading) ? Phase::kBody
+                                                                         : Phase::kFailed;
+  r.read_buffer = nullptr;
+  r.waiting_noted = false;
+  if (!Wants(r, kHttpStatusRequestError)) return;
+  Note& n = Queue(r, kHttpStatusRequestError);
+  n.result.call = call;
+  n.result.error = error;
+  n.length = sizeof(HttpAsyncResult);
+}
+
+void AdvanceSend(Request& r) {
+  const Hop& hop = r.hop;
+  if (hop.response_started || (hop.prereq_fired && hop.upload_done) || (r.done && !r.error)) {
+    if (!r.request_sent_noted) {
+      r.request_sent_noted = true;
+      NotifyNumber(r, kHttpStatusRequestSent,
+                   RequestHeadBytes(r) + static_cast<uint32_t>(r.body.size()));
+    }
+    Complete(r, Phase::kSent, kHttpStatusSendRequestComplete);
+  } else if (r.done) {
+    FailPending(r, r.error);
+  }
+}
+
+void AdvanceReceive(Request& r) {
+  if (r.headers_ready) {
+    Notify(r, kHttpStatusReceivingResponse);
+    NotifyNumber(r, kHttpStatusResponseReceived, r.hop.header_bytes);
+    Complete(r, Phase::kBody, kHttpStatusHeadersAvailable);
+  } else if (r.done) {
+    FailPending(r, r.error ? r.error : kHttpErrorInvalidServerResponse);
+  }
+}
+
+// QueryDataAvailable and ReadData: both wait for at least one byte or the end.
+void AdvanceBody(Request& r) {
+  const size_t avail = r.received.Size();
+  if (avail == 0 && !r.done) {
+    if (!r.waiting_noted) {
+      r.waiting_noted = true;
+      Notify(r, kHttpStatusReceivingResponse);
+    }
+    return;
+  }
+  if (avail == 0 && r.error) return FailPending(r, r.error);
+  if (r.waiting_noted) {
+    r.waiting_noted = false;
+    NotifyNumber(r, kHttpStatusResponseReceived, static_cast<uint32_t>(avail));
+  }
+  if (r.phase == Phase::kQuerying) {
+    return Complete(r, Phase::kBody, kHttpStatusDataAvailable,
+                    static_cast<uint32_t>(std::min<size_t>(avail, UINT32_MAX)));
+  }
+  const size_t n = r.received.Take(r.read_buffer, r.read_length);
+  void* target = r.read_buffer;
+  r.read_buffer = nullptr;
+  Complete(r, Phase::kBody, kHttpStatusReadComplete, static_cast<uint32_t>(n), target);
+}
+
+// Moves one request on as far as what has arrived allows.
+void Advance(Request& r) {
+  if (r.closed_by_app || r.freed) return;
+  if (r.phase != Phase::kOpen && !r.started) StartTransfer(r);
+  ResumeIfDrained(r);
+  switch (r.phase) {
+    case Phase::kSending: return AdvanceSend(r);
+    case Phase::kReceiving: return AdvanceReceive(r);
+    case Phase::kQuerying:
+    case Phase::kReading: return AdvanceBody(r);
+    default: return;
+  }
+}
+
+// ---- closing (core->mu held) ------------------------------------------------------------
+
+// Queues HANDLE_CLOSING for a handle the caller has closed once nothing hangs below
+// it, and lets its parent follow.
+void MaybeFree(const std::shared_ptr<Handle>& h) {
+  if (!h || h->freed || !h->closed_by_app || h->children > 0) return;
+  h->freed = true;
+  Core& core = *h->core;
+  Notify(*h, kHttpStatusHandleClosing);
+  if (h->kind == Kind::kRequest) {
+    auto& list = core.requests;
+    list.erase(std::remove(list.begin(), list.end(), h), list.end());
+  }
+  if (h->kind == Kind::kSession) core.finished = true;
+  if (h->parent) {
+    h->parent->children--;
+    MaybeFree(h->parent);
+  }
+}
+
+// A closed request cancels what is pending on it and lets go of the caller's buffer.
+void ProcessCloses(Core& core) {
+  std::vector<std::shared_ptr<Handle>> closing;
+  closing.swap(core.to_close);
+  for (const auto& h : closing) {
+    if (h->kind == Kind::kRequest) {
+      Request& r = static_cast<Request&>(*h);
+      EndTransfer(r);
+      FailPending(r, kHttpErrorOperationCancelled);
+      r.read_buffer = nullptr;
+      r.received.Clear();
+    }
+    MaybeFree(h);
+  }
+}
+
+// Ends transfers whose phase has run past its deadline; the earliest deadline still to
+// come goes to `next`.
+void ApplyDeadlines(const std::vector<std::shared_ptr<Request>>& requests,
+                    Clock::time_point now, Clock::time_point* next) {
+  for (const auto& r : requests) {
+    Clock::time_point when;
+    if (!Deadline(*r, &when)) continue;
+    if (when <= now) {
+      FailTransfer(*r, kHttpErrorTimeout);
+    } else {
+      *next = std::min(*next, when);
+    }
+  }
+}
+
+void Loop(std::shared_ptr<Core> core) {
+  std::unique_lock<std::mutex> lock(core->mu);
+  core->loop_thread = std::this_thread::get_id();
+  for (;;) {
+    core->dirty = false;
+    ProcessCloses(*core);
+    // Work on a copy: a callback may close a request while the lock is dropped.
+    std::vector<std::shared_ptr<Request>> requests = core->requests;
+    for (const auto& r : requests) Advance(*r);
+    int running = 0;
+    curl_multi_perform(core->multi, &running);
+    int left = 0;
+    while (CURLMsg* msg = curl_multi_info_read(core->multi, &left)) {
+      if (msg->msg != CURLMSG_DONE) continue;
+      void* p = nullptr;
+      if (curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &p) != CURLE_OK) p = nullptr;
+      if (p) OnTransferDone(*static_cast<Request*>(p), msg->data.result);
+    }
+    const auto now = Clock::now();
+    auto next = Clock::time_point::max();
+    ApplyDeadlines(requests, now, &next);
+    for (const auto& r : requests) Advance(*r);
+    const bool finish = core->finished;
+    std::deque<Note> notes;
+    notes.swap(core->notes);
+    lock.unlock();
+    for (Note& n : notes) Deliver(n);
+    notes.clear();
+    requests.clear();
+    lock.lock();
+    if (finish) break;
+    if (core->dirty || !core->notes.empty() || !core->to_close.empty()) continue;
+    long curl_ms = -1;
+    if (curl_multi_timeout(core->multi, &curl_ms) != CURLM_OK) curl_ms = -1;
+    int wait_ms = curl_ms < 0 ? INT_MAX : static_cast<int>(std::min<long>(curl_ms, INT_MAX));
+    if (next != Clock::time_point::max()) {
+      const auto ms =
+          std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count() + 1;
+      wait_ms = static_cast<int>(std::min<long long>(wait_ms, ms));
+    }
+    lock.unlock();
+    curl_multi_poll(core->multi, nullptr, 0, wait_ms, nullptr);
+    lock.lock();
+  }
+  // Every handle below the session has been freed, so no transfer is left.
+  for (const auto& r : core->requests) EndTransfer(*r);
+  core->requests.clear();
+  curl_multi_cleanup(core->multi);
+  core->multi = nullptr;
+  curl_share_cleanup(core->share);
+  core->share = nullptr;
+}
+
+// The event threads of the process. A thread is joined once its loop has ended: the
+// next session to start reaps the ended ones, and JoinSessions the rest.
+struct Threads {
+  std::mutex mu;
+  struct Entry {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> ended;
+  };
+  std::vector<Entry> entries;
+};
+
+// Freed by JoinSessions.
+LazyGlobal<Threads> g_threads;
+
+}  // namespace
+
+void Notify(Handle& h, uint32_t status) {
+  if (Wants(h, status)) Queue(h, status);
+}
+
+void NotifyNumber(Handle& h, uint32_t status, uint32_t number) {
+  if (!Wants(h, status)) return;
+  Note& n = Queue(h, status);
+  n.number = number;
+  n.length = sizeof(uint32_t);
+}
+
+void NotifyText(Handle& h, uint32_t status, std::string_view text) {
+  if (!Wants(h, status)) return;
+  Note& n = Queue(h, status);
+  n.text = Utf8ToUtf16(text);
+  n.length = static_cast<uint32_t>(n.text.size() + 1);
+}
+
+void Wake(Core& core) {
+  core.dirty = true;
+  if (std::this_thread::get_id() != core.loop_thread && core.multi && !core.finished) {
+    curl_multi_wakeup(core.multi);
+  }
+}
+
+void StartSession(const std::shared_ptr<Core>& core) {
+  Threads& t = g_threads.Get();
+  std::lock_guard<std::mutex> lock(t.mu);
+  auto& list = t.entries;
+  for (auto it = list.begin(); it != list.end();) {
+    if (it->ended->load()) {
+      it->thread.join();
+      it = list.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  auto ended = std::make_shared<std::atomic<bool>>(false);
+  list.push_back({std::thread([core, ended] {
+                    pthread_setname_np(pthread_self(), kEventThreadName);
+                    Loop(core);
+                    ended->store(true);
+                  }),
+                  ended});
+}
+
+void JoinSessions() {
+  Threads* t = g_threads.Take();
+  if (!t) return;
+  for (auto& e : t->entries) e.thread.join();
+  delete t;
+}
+
+}  // namespace tpcsdk::os::curlhttp
