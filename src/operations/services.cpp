@@ -19,6 +19,5 @@ int TetherdocServer::SendEmailNotification(const char*, TDC_LPCWSTR, TDC_LPCWSTR
                                            TDC_LPCWSTR) {
   return TDC_HRESULT_FAILED;
 }
-void TetherdocServer::UpdateWrapperDocuments() {}
 
 }  // namespace tpcsdk
