@@ -12,9 +12,10 @@ DateTextStatus DateFromText(std::u16string_view text, double* date) {
   if (!date) return DateTextStatus::kFailed;
   // The system reads up to a NUL; a text that goes on past one is not a date.
   if (text.find(u'\0') != std::u16string_view::npos) return DateTextStatus::kTypeMismatch;
-  const std::wstring w(text.begin(), text.end());
+  // Some headers declare the text argument without const: hand over our own copy.
+  std::wstring w(text.begin(), text.end());
   DATE value = 0;
-  const HRESULT hr = VarDateFromStr(w.c_str(), LOCALE_USER_DEFAULT, 0, &value);
+  const HRESULT hr = VarDateFromStr(w.data(), LOCALE_USER_DEFAULT, 0, &value);
   if (SUCCEEDED(hr)) {
     *date = value;
     return DateTextStatus::kOk;
