@@ -63,6 +63,8 @@ std::string Big() {
   return s;
 }
 
+void PrintTo(const Outcome& o, std::ostream* os) { *os << o.name; }
+
 class Outcomes : public Download, public ::testing::WithParamInterface<Outcome> {};
 
 TEST_P(Outcomes, FileArrivesWholeOrNotAtAll) {

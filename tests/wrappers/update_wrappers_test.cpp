@@ -42,6 +42,8 @@ struct Case {
   const char* stored_after;  // nullptr: no value
 };
 
+void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
+
 class UpdateWrappers : public ::testing::TestWithParam<Case> {
  protected:
   UpdateWrappers()
