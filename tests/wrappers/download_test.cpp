@@ -5,7 +5,6 @@
 #include <json/json.h>
 
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <thread>
 
@@ -49,94 +48,63 @@ class Download : public ::testing::Test {
 
 // ---- one table of outcomes: the result, and the file under its final name -------
 
-struct Outcome {
-  const char* name;
-  std::function<void(EmulatorClient*)> setup;
-  std::string path;  // what is asked for, after the base URL
-  bool ok;
-  std::string content;  // of the file when ok
-};
-
 std::string Big() {
   std::string s;
   for (int i = 0; s.size() < 300000; ++i) s += "chunk " + std::to_string(i) + "\n";
   return s;
 }
 
+struct Outcome {
+  const char* name;
+  int status;
+  std::string body;
+  const char* fault;  // a fault kind on the reply, or nullptr
+  bool ok;
+};
+
 void PrintTo(const Outcome& o, std::ostream* os) { *os << o.name; }
 
 class Outcomes : public Download, public ::testing::WithParamInterface<Outcome> {};
 
+// A redirect to another host name leads to the file; the faults cut the body at
+// 100,000 bytes, or send it in pieces without a length.
 TEST_P(Outcomes, FileArrivesWholeOrNotAtAll) {
   TESTKIT_EMULATOR_OR_SKIP(emu);
-  GetParam().setup(emu);
-  EXPECT_EQ(Get(emu->base_url() + GetParam().path), GetParam().ok);
+  const Outcome& o = GetParam();
+  std::string other = emu->base_url();
+  other.replace(other.find("127.0.0.1"), 9, "localhost");
+  Json::Value location(Json::objectValue);
+  location["Location"] = other + "/files/b.pdf";
+  Serve(emu, "/files/a.pdf", "", 302, location);
+  Serve(emu, "/files/b.pdf", o.body, o.status);
+  if (o.fault) {
+    Json::Value f;
+    f["at"] = 100000;
+    f["count"] = 7;
+    f["chunked"] = true;
+    f["gap_ms"] = 1;
+    ASSERT_NE(emu->FaultOnce("GET", "/files/b.pdf", o.fault, f), 0u);
+  }
+  EXPECT_EQ(Get(emu->base_url() + "/files/a.pdf"), o.ok);
   EXPECT_FALSE(fs::exists(Part()));
-  if (GetParam().ok) {
-    EXPECT_TRUE(testkit::ReadFile(target_) == GetParam().content) << testkit::ReadFile(target_).size();
+  if (o.ok) {
+    EXPECT_TRUE(testkit::ReadFile(target_) == o.body) << testkit::ReadFile(target_).size();
   } else {
     EXPECT_FALSE(fs::exists(target_));
   }
 }
 
-Json::Value Headers(const std::string& name, const std::string& value) {
-  Json::Value h(Json::objectValue);
-  h[name] = value;
-  return h;
-}
-
 INSTANTIATE_TEST_SUITE_P(
     Download, Outcomes,
-    ::testing::Values(
-        Outcome{"Ok200", [](EmulatorClient* e) {
-                  Serve(e, "/files/a.pdf", "%PDF-1.4 body");
-                }, "/files/a.pdf", true, "%PDF-1.4 body"},
-        Outcome{"Created201", [](EmulatorClient* e) {
-                  Serve(e, "/files/a.pdf", "made", 201);
-                }, "/files/a.pdf", true, "made"},
-        Outcome{"EmptyBody", [](EmulatorClient* e) {
-                  Serve(e, "/files/a.pdf", "");
-                }, "/files/a.pdf", true, ""},
-        Outcome{"NotFound", [](EmulatorClient* e) {
-                  Serve(e, "/files/a.pdf", "gone", 404);
-                }, "/files/a.pdf", false, ""},
-        Outcome{"NoContent204", [](EmulatorClient* e) {
-                  Serve(e, "/files/a.pdf", "", 204);
-                }, "/files/a.pdf", false, ""},
-        // A redirect to another host name is followed.
-        Outcome{"RedirectToAnotherHost", [](EmulatorClient* e) {
-                  std::string other = e->base_url();
-                  other.replace(other.find("127.0.0.1"), 9, "localhost");
-                  Serve(e, "/files/moved.pdf", "", 302,
-                                                   Headers("Location", other + "/files/b.pdf"));
-                  Serve(e, "/files/b.pdf", "moved here");
-                }, "/files/moved.pdf", true, "moved here"},
-        // The body in pieces, without a length: the download ends with the body.
-        Outcome{"ChunkedWithoutLength", [](EmulatorClient* e) {
-                  Serve(e, "/files/big.pdf", Big());
-                  Json::Value f;
-                  f["count"] = 7;
-                  f["chunked"] = true;
-                  f["gap_ms"] = 1;
-                  ASSERT_NE(e->FaultOnce("GET", "/files/big.pdf", "chunks", f), 0u);
-                }, "/files/big.pdf", true, Big()},
-        Outcome{"ResetMidBody", [](EmulatorClient* e) {
-                  Serve(e, "/files/big.pdf", Big());
-                  Json::Value f;
-                  f["at"] = 100000;
-                  ASSERT_NE(e->FaultOnce("GET", "/files/big.pdf", "reset_mid_body", f), 0u);
-                }, "/files/big.pdf", false, ""},
-        // A connection closed in an orderly way before the stated length is a failure
-        // too, though no error is seen on the connection.
-        Outcome{"ClosedBeforeTheStatedLength", [](EmulatorClient* e) {
-                  Serve(e, "/files/big.pdf", Big());
-                  Json::Value f;
-                  f["at"] = 100000;
-                  ASSERT_NE(e->FaultOnce("GET", "/files/big.pdf", "close_mid_body", f), 0u);
-                }, "/files/big.pdf", false, ""},
-        Outcome{"NoReply", [](EmulatorClient* e) {
-                  ASSERT_NE(e->FaultOnce("GET", "/files/a.pdf", "close_before_headers"), 0u);
-                }, "/files/a.pdf", false, ""}),
+    ::testing::Values(Outcome{"Ok200", 200, "%PDF-1.4 body", nullptr, true},
+                      Outcome{"Created201", 201, "made", nullptr, true},
+                      Outcome{"EmptyBody", 200, "", nullptr, true},
+                      Outcome{"NotFound", 404, "gone", nullptr, false},
+                      Outcome{"ChunkedWithoutLength", 200, Big(), "chunks", true},
+                      Outcome{"ResetMidBody", 200, Big(), "reset_mid_body", false},
+                      // orderly close before the stated length
+                      Outcome{"ClosedMidBody", 200, Big(), "close_mid_body", false},
+                      Outcome{"NoReply", 200, "x", "close_before_headers", false}),
     [](const ::testing::TestParamInfo<Outcome>& info) { return std::string(info.param.name); });
 
 // Only the path is asked for: the query and fragment of the URL stay behind. The
