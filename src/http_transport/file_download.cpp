@@ -105,7 +105,7 @@ bool DownloadFile(std::u16string_view url, std::u16string_view destination) {
     // does not report it: a stated length must be met exactly.
     const bool whole = CopyBody(get, target, buffer, &total) &&
                        (!length_valid || total == static_cast<uint64_t>(length));
-    if (!whole || !target.Commit() || !os::MoveFileNoReplace(part_path, final_path)) {
+    if (!whole || !target.CommitAs(final_path)) {
       target.Discard();
       return false;
     }

@@ -1,6 +1,11 @@
 // Files written by a download: the body goes to a temporary file that only this
 // writer holds, and the finished file is then moved under its final name without
 // replacing anything that is already there.
+//
+//   DownloadTarget part;
+//   if (!part.Open(temp)) fail;           // another writer has it, or no such place
+//   ... part.Write(...) for each piece; on a failure: part.Discard();
+//   if (!part.CommitAs(final)) part.Discard();
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -22,20 +27,18 @@ class DownloadTarget {
   bool Open(const std::u16string& path);
   // Writes all of data or fails.
   bool Write(const void* data, size_t size);
-  // Brings what was written to the disk and closes the file; false when it may not be
-  // all there.
-  bool Commit();
-  // Closes the file and deletes it.
+  // Brings what was written to the disk and moves the file to final_path, never
+  // replacing a file that is there (Windows: MoveFileExW with MOVEFILE_COPY_ALLOWED
+  // once the file is closed; POSIX: a rename that refuses an existing target, made
+  // while the lock is still held). True when the file has arrived; on false the file
+  // stays under its own name for Discard.
+  bool CommitAs(const std::u16string& final_path);
+  // Closes the file, when still open, and deletes it under its own name.
   void Discard();
 
  private:
   std::u16string path_;
   intptr_t handle_ = -1;
 };
-
-// Moves a file to a new name in the same or another directory, never replacing an
-// existing file there (Windows: MoveFileExW with MOVEFILE_COPY_ALLOWED; POSIX: a
-// rename that refuses an existing target). True when the file has arrived.
-bool MoveFileNoReplace(const std::u16string& from, const std::u16string& to);
 
 }  // namespace tpcsdk::os

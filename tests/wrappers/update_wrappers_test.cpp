@@ -114,6 +114,14 @@ TEST_P(UpdateWrappers, FetchesWhatIsNeeded) {
   for (int i : c.fetched) expected.push_back(kLinkPaths[i]);
   EXPECT_EQ(asked, expected);
   EXPECT_EQ(Stored(), c.stored_after ? c.stored_after : "");
+  if (c.stored_after) {  // a string value under the host's key
+    tpcsdk::os::RegKey key = tpcsdk::os::OpenRegKey(
+        tpcsdk::os::RegRoot::kCurrentUser, std::u16string(kProductKey) + u"\\Plugins\\127.0.0.1");
+    uint32_t type = 0;
+    EXPECT_TRUE(tpcsdk::os::QueryRegValueInfo(key, u"CustomWrapperUpdateTime", &type, nullptr));
+    EXPECT_EQ(type, tpcsdk::os::kRegSz);
+    tpcsdk::os::CloseRegKey(key);
+  }
 
   for (int i = 0; i < 3; ++i) {
     const bool fetched = std::find(c.fetched.begin(), c.fetched.end(), i) != c.fetched.end();

@@ -14,6 +14,20 @@
 
 namespace tpcsdk::os {
 
+namespace {
+
+// A rename that refuses an existing target; where the file system has no such rename,
+// a new link, which fails on an existing name, and the removal of the old one.
+bool RenameNoReplace(const std::string& from, const std::string& to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+  if (errno != EINVAL && errno != ENOSYS) return false;
+  if (link(from.c_str(), to.c_str()) != 0) return false;
+  unlink(from.c_str());
+  return true;
+}
+
+}  // namespace
+
 DownloadTarget::~DownloadTarget() {
   if (handle_ != -1) close(static_cast<int>(handle_));
 }
@@ -46,12 +60,15 @@ bool DownloadTarget::Write(const void* data, size_t size) {
   return true;
 }
 
-bool DownloadTarget::Commit() {
-  if (handle_ == -1) return false;
+bool DownloadTarget::CommitAs(const std::u16string& final_path) {
+  if (handle_ == -1 || final_path.empty()) return false;
   const int fd = static_cast<int>(handle_);
+  // Moved while still locked, so no other writer can have cut the file meanwhile.
+  if (fsync(fd) != 0 || !RenameNoReplace(Utf16ToUtf8(path_), Utf16ToUtf8(final_path))) return false;
   handle_ = -1;
-  const bool synced = fsync(fd) == 0;
-  return close(fd) == 0 && synced;
+  path_.clear();
+  close(fd);
+  return true;
 }
 
 void DownloadTarget::Discard() {
@@ -60,17 +77,6 @@ void DownloadTarget::Discard() {
   if (handle_ != -1) close(static_cast<int>(handle_));
   handle_ = -1;
   path_.clear();
-}
-
-bool MoveFileNoReplace(const std::u16string& from, const std::u16string& to) {
-  if (from.empty() || to.empty()) return false;
-  const std::string f = Utf16ToUtf8(from), t = Utf16ToUtf8(to);
-  if (renameat2(AT_FDCWD, f.c_str(), AT_FDCWD, t.c_str(), RENAME_NOREPLACE) == 0) return true;
-  if (errno != EINVAL && errno != ENOSYS) return false;
-  // A file system without that kind of rename: a new link fails on an existing name.
-  if (link(f.c_str(), t.c_str()) != 0) return false;
-  unlink(f.c_str());
-  return true;
 }
 
 }  // namespace tpcsdk::os

@@ -40,12 +40,12 @@ bool DownloadTarget::Write(const void* data, size_t size) {
   return true;
 }
 
-bool DownloadTarget::Commit() {
-  if (handle_ == -1) return false;
+bool DownloadTarget::CommitAs(const std::u16string& final_path) {
+  if (handle_ == -1 || final_path.empty()) return false;
   const bool flushed = FlushFileBuffers(H(handle_)) != 0;
   const bool closed = CloseHandle(H(handle_)) != 0;
   handle_ = -1;
-  return flushed && closed;
+  return flushed && closed && MoveFileExW(W(path_), W(final_path), MOVEFILE_COPY_ALLOWED) != 0;
 }
 
 void DownloadTarget::Discard() {
@@ -53,10 +53,6 @@ void DownloadTarget::Discard() {
   handle_ = -1;
   if (!path_.empty()) DeleteFileW(W(path_));
   path_.clear();
-}
-
-bool MoveFileNoReplace(const std::u16string& from, const std::u16string& to) {
-  return !from.empty() && !to.empty() && MoveFileExW(W(from), W(to), MOVEFILE_COPY_ALLOWED) != 0;
 }
 
 }  // namespace tpcsdk::os
