@@ -202,6 +202,4 @@ int TetherdocServer::SetClientLanguage(const char* language) {
   });
 }
 
-void TetherdocServer::UpdateWrapperDocuments() {}
-
 }  // namespace tpcsdk
