@@ -1,12 +1,13 @@
 # make test   bootstrap, build Linux and Windows, run every test natively, under
 #             ASan+UBSan, and the Windows programs under wine
 # make build  build both platforms
+# make tsan   build Linux with ThreadSanitizer and run every test program under it
 SHELL := /bin/bash
 JOBS  ?= $(shell nproc)
 B      = build
 GEN    = -G "Unix Makefiles"
 
-.PHONY: all bootstrap build linux windows asan test clean
+.PHONY: all bootstrap build linux windows asan tsan test clean
 all: build
 
 bootstrap:
@@ -16,6 +17,8 @@ $(B)/linux/Makefile:
 	cmake -S . -B $(B)/linux $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 $(B)/asan/Makefile:
 	cmake -S . -B $(B)/asan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DTPCSDK_SANITIZE=ON >/dev/null
+$(B)/tsan/Makefile:
+	cmake -S . -B $(B)/tsan $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTPCSDK_TSAN=ON >/dev/null
 $(B)/win64/Makefile:
 	cmake -S . -B $(B)/win64 $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake >/dev/null
@@ -27,6 +30,12 @@ windows: $(B)/win64/Makefile
 asan: $(B)/asan/Makefile
 	@cmake --build $(B)/asan -j$(JOBS)
 build: linux windows
+
+tsan: $(B)/tsan/Makefile
+	@cmake --build $(B)/tsan -j$(JOBS)
+	@rm -f $(B)/tsan-results.txt
+	@TSAN_OPTIONS=second_deadlock_stack=1 scripts/run-tests.sh native $(B)/tsan $(B)/tsan-results.txt
+	@awk '{printf "%d passed, %d failed\n", $$1, $$2; exit ($$2 > 0 || $$1 == 0)}' $(B)/tsan-results.txt
 
 test: bootstrap
 	@$(MAKE) --no-print-directory linux windows asan

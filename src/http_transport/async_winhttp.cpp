@@ -6,12 +6,13 @@
 
 namespace tpcsdk {
 
+CAsyncWinHttp::CAsyncWinHttp() = default;
+
 CAsyncWinHttp::~CAsyncWinHttp() {
+  // The request goes before the connection it was opened on.
   CloseRequest();
-  delete m_pRequest.load();
-  delete m_pConnection;
-  m_pRequest = nullptr;
-  m_pConnection = nullptr;
+  m_pRequest.reset();
+  m_pConnection.reset();
   m_pfnResult = nullptr;
   m_nCallbackData = 0;
 }
@@ -21,18 +22,26 @@ void CAsyncWinHttp::EnsureSession(const std::u16string& agent) { WinHttpSession:
 bool CAsyncWinHttp::Connect(const std::u16string& url) {
   m_pfnResult = nullptr;
   m_nCallbackData = 0;
-  m_pConnection = new (std::nothrow) WinHttpConnection();
+  m_pConnection.reset(new (std::nothrow) WinHttpConnection());
   return m_pConnection && m_pConnection->Open(url);
 }
 
 bool CAsyncWinHttp::SendRequest(const std::u16string& headers, const std::string& body,
                                 const std::u16string& method) {
   if (!m_pConnection) return false;
-  auto* request = new (std::nothrow) WinHttpRequest();
-  if (!request) return false;
-  request->SetLog(m_pLog);
-  m_pRequest = request;
-  if (!request->Open(m_pConnection, method)) return false;
+  std::unique_ptr<WinHttpRequest> created(new (std::nothrow) WinHttpRequest());
+  if (!created) return false;
+  created->SetLog(m_pLog);
+  WinHttpRequest* request = created.get();
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_pRequest) return false;  // one exchange per object
+    // A stop that came before the request existed still holds: the request starts
+    // closed, so its send never goes out.
+    if (m_bStopped) request->Close();
+    m_pRequest = std::move(created);
+  }
+  if (!request->Open(m_pConnection.get(), method)) return false;
   if (headers.empty()) return false;
   if (!request->Send(headers, body)) return false;
   if (m_pfnResult) {
@@ -43,21 +52,40 @@ bool CAsyncWinHttp::SendRequest(const std::u16string& headers, const std::string
 }
 
 void CAsyncWinHttp::CloseRequest() {
-  if (WinHttpRequest* request = m_pRequest.load()) request->Close();
+  WinHttpRequest* request = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_bStopped = true;
+    request = m_pRequest.get();
+  }
+  // Set once and deleted only by the owner, so the request outlives this closing.
+  if (request) request->Close();
 }
 
+bool CAsyncWinHttp::WaitForStatus(std::chrono::milliseconds bound) {
+  WinHttpRequest* request = Request();
+  return request && request->WaitForStatus(bound);
+}
+
+WinHttpRequest* CAsyncWinHttp::Request() const {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_pRequest.get();
+}
+
+bool CAsyncWinHttp::HasRequest() const { return Request() != nullptr; }
+
 std::u16string CAsyncWinHttp::ResponseText() const {
-  const WinHttpRequest* request = m_pRequest.load();
+  const WinHttpRequest* request = Request();
   return request ? request->ResponseText() : std::u16string();
 }
 
 std::u16string CAsyncWinHttp::SecondText() const {
-  const WinHttpRequest* request = m_pRequest.load();
+  const WinHttpRequest* request = Request();
   return request ? request->SecondText() : std::u16string();
 }
 
 int32_t CAsyncWinHttp::StatusCode() const {
-  const WinHttpRequest* request = m_pRequest.load();
+  const WinHttpRequest* request = Request();
   return request ? request->StatusCode() : 0;
 }
 

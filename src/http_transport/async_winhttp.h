@@ -1,10 +1,11 @@
 // The objects of one service call over the HTTP client: a connection and a request,
 // driven by the client's notifications while the sender blocks on an event.
 #pragma once
-#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
-
 
 namespace tpcsdk {
 
@@ -16,9 +17,12 @@ class WinHttpRequest;
 using ResultCallback = void (*)(const std::u16string& response, const std::u16string& extra,
                                 int32_t status, uint64_t data);
 
+// One thread, the sender, runs Connect and SendRequest and reads the reply; any other
+// thread may run CloseRequest and WaitForStatus while the sender is at work. The owner
+// deletes the object only when no other thread can reach it any more.
 class CAsyncWinHttp {
  public:
-  CAsyncWinHttp() = default;
+  CAsyncWinHttp();
   virtual ~CAsyncWinHttp();
   CAsyncWinHttp(const CAsyncWinHttp&) = delete;
   CAsyncWinHttp& operator=(const CAsyncWinHttp&) = delete;
@@ -28,27 +32,33 @@ class CAsyncWinHttp {
 
   bool Connect(const std::u16string& url);
   // Runs the exchange to its end; true when it ended (see the request for what came).
+  // After a CloseRequest nothing is sent, and the exchange ends at once with status 0.
   bool SendRequest(const std::u16string& headers, const std::string& body,
                    const std::u16string& method);
   // Closes the request handle, waits until the client has let go of it, and frees
-  // what was read. Frees a sender blocked in SendRequest.
+  // what was read. Frees a sender blocked in SendRequest; a sender that has not sent
+  // yet never will.
   void CloseRequest();
+  // Waits, at most `bound`, until the reply's status has arrived; true when it has.
+  bool WaitForStatus(std::chrono::milliseconds bound);
 
   void SetLog(DiagnosticLog* log) { m_pLog = log; }
   // What the exchange left: false when no request was ever made.
-  bool HasRequest() const { return m_pRequest != nullptr; }
-  // The request once SendRequest has created it; null before.
-  const WinHttpRequest* RequestObject() const { return m_pRequest.load(); }
+  bool HasRequest() const;
   std::u16string ResponseText() const;
   std::u16string SecondText() const;
   int32_t StatusCode() const;
 
  private:
+  WinHttpRequest* Request() const;
+
   ResultCallback m_pfnResult = nullptr;
   uint64_t m_nCallbackData = 0;
-  WinHttpConnection* m_pConnection = nullptr;
-  std::atomic<WinHttpRequest*> m_pRequest{nullptr};  // also read by observers of the list
+  std::unique_ptr<WinHttpConnection> m_pConnection;
+  std::unique_ptr<WinHttpRequest> m_pRequest;  // set once, under m_lock
   DiagnosticLog* m_pLog = nullptr;
+  mutable std::mutex m_lock;  // the request pointer and the stopped flag
+  bool m_bStopped = false;    // CloseRequest ran, perhaps before there was a request
 };
 
 }  // namespace tpcsdk

@@ -93,6 +93,8 @@ WinHttpRequest::~WinHttpRequest() { Close(); }
 
 bool WinHttpRequest::Open(WinHttpConnection* connection, const std::u16string& method) {
   if (!connection) return false;
+  // A stop may already reach this object (it was listed before it was opened).
+  std::lock_guard<std::mutex> lock(m_closeLock);
   m_nChunkSize = m_nTotalSize = 0;
   m_readBuffer.clear();
   m_wsResponse.clear();
@@ -117,29 +119,43 @@ bool WinHttpRequest::Open(WinHttpConnection* connection, const std::u16string& m
 }
 
 bool WinHttpRequest::Send(const std::u16string& headers, const std::string& body) {
-  if (!m_hHandle) return false;
-  bool ok = os::HttpAddRequestHeaders(m_hHandle, headers, os::kHttpAddReqFlagAdd);
-  const auto length = static_cast<uint32_t>(body.size());
-  if (ok) {
-    ok = os::HttpSendRequest(m_hHandle, std::u16string_view(), body.data(), length, length,
-                             reinterpret_cast<uintptr_t>(this));
-    m_bContextGiven = ok;
+  {
+    // Under the closing lock: a stop either lands before the send, which then never
+    // goes out, or after it, when the closing waits for the client to let go.
+    std::lock_guard<std::mutex> lock(m_closeLock);
+    if (m_bStopped) return true;
+    if (!m_hHandle) return false;
+    bool ok = os::HttpAddRequestHeaders(m_hHandle, headers, os::kHttpAddReqFlagAdd);
+    const auto length = static_cast<uint32_t>(body.size());
+    if (ok) {
+      ok = os::HttpSendRequest(m_hHandle, std::u16string_view(), body.data(), length, length,
+                               reinterpret_cast<uintptr_t>(this));
+      m_bContextGiven = ok;
+    }
+    if (!ok && os::HttpLastError() != 0) return false;
   }
-  if (!ok && os::HttpLastError() != 0) return false;
   m_completed.Wait();
   return true;
 }
 
 void WinHttpRequest::Close() {
   std::lock_guard<std::mutex> lock(m_closeLock);
+  m_bStopped = true;
   if (m_hHandle) {
     os::HttpCloseHandle(m_hHandle);
     // The closing notification reaches this object only when the send gave it to the
-    // client; without that nothing would ever signal, so there is nothing to wait for.
+    // client, and then it frees the sender too. Without that nothing would ever
+    // signal: there is nothing to wait for, and a sender is freed here.
     if (m_bContextGiven) m_closed.Wait();
+    else m_completed.Set();
     m_hHandle = nullptr;
   }
   FreeBuffers();
+}
+
+bool WinHttpRequest::WaitForStatus(std::chrono::milliseconds bound) {
+  std::unique_lock<std::mutex> lock(m_statusLock);
+  return m_statusArrived.wait_for(lock, bound, [this] { return m_nStatusCode.load() != 0; });
 }
 
 void WinHttpRequest::FreeBuffers() {
@@ -224,7 +240,11 @@ int32_t WinHttpRequest::QueryResponseHeaders() {
   int32_t value = 0;
   for (const char16_t* p = code; *p >= u'0' && *p <= u'9' && value < 100000; ++p)
     value = value * 10 + (*p - u'0');
-  m_nStatusCode = value;
+  {
+    std::lock_guard<std::mutex> lock(m_statusLock);
+    m_nStatusCode = value;
+    m_statusArrived.notify_all();
+  }
   return 0;
 }
 

@@ -2,6 +2,8 @@
 // and a connection and a request for each service call.
 #pragma once
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -62,11 +64,15 @@ class WinHttpRequest final : public WinHttpHandle {
 
   bool Open(WinHttpConnection* connection, const std::u16string& method);
   // Sends and blocks until the exchange ends or the handle is closed. True means
-  // only that it ended; the status code and the response text tell what came.
+  // only that it ended; the status code and the response text tell what came. A
+  // request closed before its send sends nothing and ends at once (status 0).
   bool Send(const std::u16string& headers, const std::string& body);
   // The closing step: close the handle, wait until the client has let go of the
-  // request, free what was read. Frees a sender blocked in Send.
+  // request, free what was read. Frees a sender blocked in Send, and stops a send
+  // that has not started yet.
   void Close();
+  // Waits, at most `bound`, until the reply's status has arrived; true when it has.
+  bool WaitForStatus(std::chrono::milliseconds bound);
 
   // One notification of the exchange; the client never runs two at once.
   int32_t OnCallback(uint32_t status, void* information, uint32_t length);
@@ -90,13 +96,18 @@ class WinHttpRequest final : public WinHttpHandle {
   char* m_pPendingPiece = nullptr;  // lent to the client until its read completes
   std::u16string m_wsResponse;
   std::u16string m_wsSecond;
-  std::atomic<int32_t> m_nStatusCode{0};  // read by StopRequest callers while in flight
+  std::atomic<int32_t> m_nStatusCode{0};  // also read by waiters while in flight
+  std::mutex m_statusLock;                // with m_statusArrived: the status came
+  std::condition_variable m_statusArrived;
   WinHttpConnection* m_pConnection = nullptr;
   Event m_completed;
   Event m_closed;
   DiagnosticLog* m_pLog = nullptr;
+  // The sender (Open, Send) and the closers meet under m_closeLock: the handle, the
+  // buffers and the two flags change only under it, and never during the exchange.
+  std::mutex m_closeLock;
   bool m_bContextGiven = false;  // the send handed this object to the client
-  std::mutex m_closeLock;        // one closing step at a time
+  bool m_bStopped = false;       // closed: a send that has not started never will
 };
 
 }  // namespace tpcsdk

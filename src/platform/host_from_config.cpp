@@ -39,13 +39,33 @@ void TDOCPlatform::ReadConfiguration() {
 // constructor.
 void TDOCPlatform::TakeSharedConfigKeys(const ConfigFile& file) {
   if (!file.HasKeys()) return;
-  if (file.Take("logfile") == u"on") m_nLogging = 1;
-  m_wsAppType = file.Take("appType");
-  m_wsDomainSuffix = file.Take("tDocDomain");
+  const bool logging = file.Take("logfile") == u"on";
+  std::u16string app_type = file.Take("appType");
+  std::u16string suffix = file.Take("tDocDomain");
+  std::lock_guard<std::mutex> hold(m_lockConfigFields);
+  if (logging) m_nLogging = 1;
+  m_wsAppType = std::move(app_type);
+  m_wsDomainSuffix = std::move(suffix);
 }
 
+// The query runs on copies, outside any lock of the platform; two first look-ups of
+// slots 5 and 10 may both ask, and the first answer stored is the one kept.
 std::u16string TDOCPlatform::LookupHostFromDns() {
-  return tpcsdk::LookupHostFromDns(m_pLog, m_wsDomainSuffix, DnsHostRecord{m_wsDnsHost, m_bDnsHostDone});
+  std::u16string suffix, host;
+  bool done = false;
+  {
+    std::lock_guard<std::mutex> hold(m_lockConfigFields);
+    suffix = m_wsDomainSuffix;
+    host = m_wsDnsHost;
+    done = m_bDnsHostDone;
+  }
+  host = tpcsdk::LookupHostFromDns(m_pLog, suffix, DnsHostRecord{host, done});
+  std::lock_guard<std::mutex> hold(m_lockConfigFields);
+  if (!m_bDnsHostDone) {
+    m_wsDnsHost = host;
+    m_bDnsHostDone = done;
+  }
+  return m_wsDnsHost;
 }
 
 std::u16string TDOCPlatform::LookupUpdateHostFromDns() {

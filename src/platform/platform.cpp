@@ -63,10 +63,15 @@ TDOCPlatform::TDOCPlatform() {
 }
 
 void TDOCPlatform::EnableLogging() {
-  m_nLogging = 1;
+  std::u16string app_type;
+  {
+    std::lock_guard<std::mutex> hold(m_lockConfigFields);
+    m_nLogging = 1;
+    app_type = m_wsAppType;
+  }
   if (m_pLog) return;
   auto* log = new (std::nothrow) DiagnosticLog();
-  if (log && log->Open(m_wsAppType)) {
+  if (log && log->Open(app_type)) {
     m_pLog = log;
   } else {
     delete log;

@@ -74,6 +74,11 @@ class TDOCPlatform final : public IPDFPlatform {
   std::vector<TetherdocServer*> m_clients;
   std::u16string m_wsCurrentDomain;
   std::recursive_mutex m_lockInitApi;
+  // Slot 10 runs beside slots 5 and 6 without the host look-up lock, and all three
+  // write what the configuration file and the DNS look-up give. Those fields change
+  // and are read under m_lockConfigFields, which is held for the copy alone, never
+  // across a file read or a DNS query.
+  std::mutex m_lockConfigFields;
   int m_nLogging = 0;
   std::u16string m_wsAppType;
   std::recursive_mutex m_lockHostLookup;

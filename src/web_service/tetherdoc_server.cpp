@@ -1,10 +1,12 @@
 #include "web_service/tetherdoc_server.h"
 
+#include <algorithm>
+#include <memory>
 #include <new>
 
 #include "http_transport/async_winhttp.h"
-#include "http_transport/winhttp_handles.h"
 #include "platform/diagnostic_log.h"
+#include "os/debug_output.h"
 #include "os/user_agent.h"
 #include "platform/platform.h"
 #include "polling/pull_msg_thread.h"
@@ -22,6 +24,9 @@ constexpr char16_t kTokenQueryPlaceholder[] = u"access-token=%s";
 constexpr int32_t kRetTokenExpired = 210007;
 
 std::string U8(const std::u16string& s) { return Utf16ToUtf8(s); }
+
+// The debug text of every closing step of the frame.
+void DebugStopRequest() { os::DebugOutput(u"StopRequest"); }
 
 bool IsEmptyJson(const Json::Value& v) {
   return v.isNull() || ((v.isArray() || v.isObject()) && v.size() == 0);
@@ -46,11 +51,44 @@ TetherdocServer::TetherdocServer(const char* al, const char* an, const char* av)
   m_pPullThread = std::make_unique<CPullMsgThread>(this);
 }
 
+// A call in flight: while one is held, the client is not destroyed. BeginRequest's hold
+// goes with the request to EndRequest, whose letting go is the call's last touch of the
+// client.
+struct TetherdocServer::CallHold {
+  enum Mode { kNew, kAdopt };
+  CallHold(TetherdocServer& client, Mode mode) : m_client(&client) {
+    if (mode == kAdopt) return;
+    std::lock_guard<std::mutex> lock(client.m_lockCalls);
+    ++client.m_nCallsInFlight;
+  }
+  ~CallHold() {
+    if (!m_client) return;
+    std::lock_guard<std::mutex> lock(m_client->m_lockCalls);
+    if (--m_client->m_nCallsInFlight == 0) m_client->m_callsEnded.notify_all();
+  }
+  CallHold(const CallHold&) = delete;
+  CallHold& operator=(const CallHold&) = delete;
+  // Leaves the hold in place for a later step, which adopts it.
+  void HandOver() { m_client = nullptr; }
+
+ private:
+  TetherdocServer* m_client;
+};
+
 TetherdocServer::~TetherdocServer() {
-  // The worker reads the subscriber lists and calls the host: it ends first.
+  {
+    // From here on a request that joins the list starts stopped.
+    std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
+    m_bClosing = true;
+  }
+  // Stopping every request frees the callers, the polling worker's round among them;
+  // then the worker, which reads the subscriber lists and calls the host, ends.
+  StopRequest();
   if (m_pPullThread && m_pPullThread->IsRunning()) m_pPullThread->Stop();
   m_pPullThread.reset();
-  StopRequest();
+  // The stopped callers wake and leave through EndRequest; they still use this object.
+  std::unique_lock<std::mutex> lock(m_lockCalls);
+  m_callsEnded.wait(lock, [this] { return m_nCallsInFlight == 0; });
 }
 
 void TetherdocServer::Destroy(unsigned int flags) {
@@ -69,6 +107,7 @@ int TetherdocServer::InitApi(const char16_t* host) {
     const std::u16string wsHost(host, WideLength(host));
     if (wsHost.empty()) return TDC_HRESULT_FAILED;
     if (Language().empty() || m_an.empty() || m_av.empty()) return TDC_HRESULT_BAD_ARGUMENT;
+    CallHold hold(*this, CallHold::kNew);
     if (m_pLog) m_pLog->Write("Starts TetherdocServer::InitApi. Host = %s", U8(wsHost).c_str());
 
     std::lock_guard<std::recursive_mutex> lock(m_lockInitApi);
@@ -178,9 +217,15 @@ void TetherdocServer::LoadApiTable(const std::u16string& prefix, const Json::Val
 std::u16string TetherdocServer::ResolveTokenUrl(std::u16string_view key) const {
   std::u16string url = GetApiUrl(u"url", key);
   if (url.empty()) return url;
-  if (!ReplaceFirst(url, kTokenPlaceholder, m_wsAccessToken))
-    ReplaceFirst(url, kTokenQueryPlaceholder, u"access-token=" + m_wsAccessToken);
+  const std::u16string token = AccessToken();
+  if (!ReplaceFirst(url, kTokenPlaceholder, token))
+    ReplaceFirst(url, kTokenQueryPlaceholder, u"access-token=" + token);
   return url;
+}
+
+std::u16string TetherdocServer::AccessToken() const {
+  std::lock_guard<std::recursive_mutex> lock(m_lockToken);
+  return m_wsAccessToken;
 }
 
 std::u16string TetherdocServer::BuildClientQuery() const {
@@ -207,44 +252,58 @@ CAsyncWinHttp* TetherdocServer::BeginRequest(const std::u16string& url,
                                              const std::u16string& method,
                                              const std::string& body) {
   if (m_pLog) m_pLog->Write("TetherdocServer::BeginRequest. Host = %s", U8(url).c_str());
-  auto* request = new (std::nothrow) CAsyncWinHttp();
+  CallHold hold(*this, CallHold::kNew);  // goes with the request to EndRequest
+  std::unique_ptr<CAsyncWinHttp> request(new (std::nothrow) CAsyncWinHttp());
   if (!request) return nullptr;
   // The first request of the process opens the session with its agent; the agent is
   // built every time and then dropped, as later requests share that session.
   CAsyncWinHttp::EnsureSession(BuildUserAgent());
   request->SetLog(m_pLog);
+  CAsyncWinHttp* const listed = request.get();
   {
     std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
-    m_requests.push_back(request);
+    m_requests.push_back(listed);
+    // A client that is going away sends nothing more.
+    if (m_bClosing) listed->CloseRequest();
   }
-  if (request->Connect(url) && request->SendRequest(BuildRequestHeaders(), body, method))
-    return request;
-
-  request->CloseRequest();
-  {
+  // Any way out but success leaves the list; `request` then deletes the object.
+  ScopeExit delist([this, listed] {
     std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
-    m_requests.remove(request);
+    m_requests.remove(listed);
+  });
+  if (!listed->Connect(url)) return nullptr;
+  {
+    // A send that failed, or threw, is closed before it leaves the list.
+    ScopeExit close([listed] {
+      DebugStopRequest();
+      listed->CloseRequest();
+    });
+    if (!listed->SendRequest(BuildRequestHeaders(), body, method)) return nullptr;
+    close.Keep();
   }
-  delete request;
-  return nullptr;
+  delist.Keep();
+  hold.HandOver();
+  return request.release();
 }
 
 int TetherdocServer::EndRequest(CAsyncWinHttp* request, std::u16string& responseBody,
                                 std::u16string& responseExtra) {
   if (m_pLog) m_pLog->Write("TetherdocServer::EndRequest.");
   if (!request) return -1;
+  CallHold hold(*this, CallHold::kAdopt);         // let go last
+  std::unique_ptr<CAsyncWinHttp> owned(request);  // closed and deleted however this ends
   {
     std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
     m_requests.remove(request);
   }
   int status = -1;
-  if (request->HasRequest()) {
-    responseBody = request->ResponseText();
-    responseExtra = request->SecondText();
-    status = request->StatusCode();
+  if (owned->HasRequest()) {
+    responseBody = owned->ResponseText();
+    responseExtra = owned->SecondText();
+    status = owned->StatusCode();
   }
-  request->CloseRequest();
-  delete request;
+  DebugStopRequest();
+  owned->CloseRequest();
   return status;
 }
 
@@ -273,7 +332,10 @@ int TetherdocServer::RequestJson(Json::Value& reply, const std::u16string& url,
 
 int TetherdocServer::StopRequest() {
   std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
-  for (CAsyncWinHttp* request : m_requests) request->CloseRequest();
+  for (CAsyncWinHttp* request : m_requests) {
+    DebugStopRequest();
+    request->CloseRequest();
+  }
   m_requests.clear();
   return 1;
 }
@@ -283,14 +345,15 @@ size_t TetherdocServer::PendingRequests() {
   return m_requests.size();
 }
 
-std::vector<int32_t> TetherdocServer::PendingStatusCodes() {
+bool TetherdocServer::WaitForPendingStatus(std::chrono::milliseconds bound) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + bound;
   std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
-  std::vector<int32_t> codes;
   for (CAsyncWinHttp* request : m_requests) {
-    const WinHttpRequest* r = request->RequestObject();
-    codes.push_back(r ? r->StatusCode() : 0);
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    if (!request->WaitForStatus(std::max(left, std::chrono::milliseconds(0)))) return false;
   }
-  return codes;
+  return true;
 }
 
 // ---- slots of the frame --------------------------------------------------------
@@ -326,9 +389,8 @@ void TetherdocServer::GetHost(TDC_LPWSTR* host) {
 int TetherdocServer::SetAccessToken(TDC_LPCWSTR token) {
   return Guarded(TDC_HRESULT_FAILED, [&]() -> int {
     std::u16string value = WideArg(token);
-    if (value == m_wsAccessToken) return TDC_HRESULT_OK;
     std::lock_guard<std::recursive_mutex> lock(m_lockToken);
-    m_wsAccessToken = std::move(value);
+    if (value != m_wsAccessToken) m_wsAccessToken = std::move(value);
     return TDC_HRESULT_OK;
   });
 }
@@ -336,12 +398,7 @@ int TetherdocServer::SetAccessToken(TDC_LPCWSTR token) {
 void TetherdocServer::GetAccessToken(char** token) {
   GuardedVoid([&] {
     if (!token) return;
-    std::string value;
-    {
-      std::lock_guard<std::recursive_mutex> lock(m_lockToken);
-      value = U8(m_wsAccessToken);
-    }
-    if (char* block = NewTextBlock(value)) *token = block;
+    if (char* block = NewTextBlock(U8(AccessToken()))) *token = block;
   });
 }
 

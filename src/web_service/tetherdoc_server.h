@@ -1,6 +1,8 @@
 // TetherdocServer: one web-service client, bound to one service host. It loads the
 // host's API directory and runs every service call through one request frame.
 #pragma once
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <atomic>
 #include <functional>
@@ -52,6 +54,7 @@ class TetherdocServer final : public ITetherdocServer {
  public:
   // The identity texts as the host's client-information record gives them (UTF-8).
   TetherdocServer(const char* al, const char* an, const char* av);
+  // Stops the calls in flight and waits until each has left the client.
   ~TetherdocServer();
   TetherdocServer(const TetherdocServer&) = delete;
   TetherdocServer& operator=(const TetherdocServer&) = delete;
@@ -72,6 +75,8 @@ class TetherdocServer final : public ITetherdocServer {
   void SetApiUrl(const std::u16string& fullKey, const std::u16string& url);
   void LoadApiTable(const std::u16string& prefix, const Json::Value& value);
   std::u16string ResolveTokenUrl(std::u16string_view key) const;
+  // A copy of the access token, taken under the token lock.
+  std::u16string AccessToken() const;
   std::u16string BuildClientQuery() const;
   std::u16string BuildUserAgent() const;
   std::u16string BuildRequestHeaders() const;
@@ -82,8 +87,9 @@ class TetherdocServer final : public ITetherdocServer {
   int RequestJson(Json::Value& reply, const std::u16string& url, const std::u16string& method,
                   const std::string& body);
   size_t PendingRequests();
-  // The HTTP status each request in flight has seen so far (0 before its headers).
-  std::vector<int32_t> PendingStatusCodes();
+  // Waits, at most `bound` in all, until every request in flight has its HTTP status;
+  // true when each has. Holds the request list meanwhile.
+  bool WaitForPendingStatus(std::chrono::milliseconds bound);
 
   // ---- helpers the operations share ----
   // The application language ("al"), which SetClientLanguage changes.
@@ -198,8 +204,14 @@ class TetherdocServer final : public ITetherdocServer {
   std::string m_cv;
   std::list<CAsyncWinHttp*> m_requests;
   std::recursive_mutex m_lockRequests;
+  bool m_bClosing = false;  // under m_lockRequests: the destructor has begun
+  // Calls in flight (CallHold); the destructor waits for the count to reach 0.
+  struct CallHold;
+  std::mutex m_lockCalls;
+  std::condition_variable m_callsEnded;
+  int m_nCallsInFlight = 0;
   std::recursive_mutex m_lockInitApi;
-  std::recursive_mutex m_lockToken;
+  mutable std::recursive_mutex m_lockToken;
   std::u16string m_wsAccessToken;
   DiagnosticLog* m_pLog = nullptr;
 

@@ -15,6 +15,8 @@ using socklen_t = int;
 
 #include <cstdlib>
 
+#include "kit/testkit.h"
+
 namespace httptest {
 namespace {
 
@@ -151,14 +153,7 @@ void RawServer::Record(const Received& r) {
   received_.push_back(r);
 }
 
-bool UnderWine() {
-#ifdef _WIN32
-  HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-  return ntdll && GetProcAddress(ntdll, "wine_get_version") != nullptr;
-#else
-  return false;
-#endif
-}
+bool UnderWine() { return testkit::UnderWine(); }
 
 uint16_t ClosedPort() {
   uint16_t port = 0;

@@ -1,5 +1,9 @@
 #include "kit/testkit.h"
 
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
@@ -79,6 +83,15 @@ bool WaitUntil(const std::function<bool()>& cond, std::chrono::milliseconds boun
     std::this_thread::yield();
   }
   return true;
+}
+
+bool UnderWine() {
+#ifdef _WIN32
+  HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+  return ntdll && GetProcAddress(ntdll, "wine_get_version") != nullptr;
+#else
+  return false;
+#endif
 }
 
 }  // namespace testkit

@@ -59,4 +59,7 @@ class Signal {
 // Polls a condition until it holds or the bound passes; true when it held.
 bool WaitUntil(const std::function<bool()>& cond, std::chrono::milliseconds bound);
 
+// True when the Windows build runs under wine, whose WinHTTP lacks a few behaviours.
+bool UnderWine();
+
 }  // namespace testkit

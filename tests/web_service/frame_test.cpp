@@ -1,13 +1,65 @@
-// The request frame's pure parts: URL placeholders, identity texts, reply envelope.
+// The request frame's pure parts (URL placeholders, identity texts, reply envelope),
+// the access token between threads, and requests that run out of memory.
 #include <gtest/gtest.h>
 
 #include <json/json.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kit/emulator_client.h"
+#include "kit/testkit.h"
 #include "support/out_buffer.h"
 #include "support/utf.h"
 #include "web_service/tetherdoc_server.h"
 
+// Allocations of this program fail with bad_alloc above a size that a thread sets for
+// itself (see FailAllocationsAbove); every other allocation is plain malloc.
+#if defined(__GNUC__) && !defined(__clang__)
+// The replacement pair below is malloc and free, which the compiler can't tell.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
 namespace {
+thread_local std::size_t t_failAbove = 0;
+}  // namespace
+
+// Visible to the shared libraries too, so that all of the program allocates alike.
+#define TPCSDK_TEST_REPLACEMENT __attribute__((visibility("default")))
+TPCSDK_TEST_REPLACEMENT void* operator new(std::size_t size) {
+  if (t_failAbove != 0 && size > t_failAbove) throw std::bad_alloc();
+  if (void* p = std::malloc(size ? size : 1)) return p;
+  throw std::bad_alloc();
+}
+TPCSDK_TEST_REPLACEMENT void* operator new[](std::size_t size) { return ::operator new(size); }
+TPCSDK_TEST_REPLACEMENT void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return ::operator new(size);
+  } catch (...) {
+    return nullptr;
+  }
+}
+TPCSDK_TEST_REPLACEMENT void* operator new[](std::size_t size, const std::nothrow_t& n) noexcept {
+  return ::operator new(size, n);
+}
+TPCSDK_TEST_REPLACEMENT void operator delete(void* p) noexcept { std::free(p); }
+TPCSDK_TEST_REPLACEMENT void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+TPCSDK_TEST_REPLACEMENT void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
+TPCSDK_TEST_REPLACEMENT void operator delete[](void* p) noexcept { std::free(p); }
+TPCSDK_TEST_REPLACEMENT void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+TPCSDK_TEST_REPLACEMENT void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
+
+namespace {
+
+// For its life, this thread's allocations above `bytes` run out of memory.
+class FailAllocationsAbove {
+ public:
+  explicit FailAllocationsAbove(std::size_t bytes) { t_failAbove = bytes; }
+  ~FailAllocationsAbove() { t_failAbove = 0; }
+};
 
 using tpcsdk::ReplaceFirst;
 using tpcsdk::TetherdocServer;
@@ -123,6 +175,63 @@ TEST_F(Frame, AccessTokenRoundTripsAsUtf8) {
   ASSERT_NE(out, nullptr);
   EXPECT_STREQ(out, "t\xC3\xB6ken");
   EXPECT_EQ(TDC_ReleaseLPSTR(out), TDC_HRESULT_OK);
+}
+
+TEST_F(Frame, TokenWritersAndReadersNeverShareAString) {
+  Json::Value url(Json::objectValue);
+  url["t"] = "http://h/${access-token}";
+  client.LoadApiTable(u"url", url);
+  // Longer than any short-string buffer, so each assignment frees the old text.
+  const std::u16string a(40, u'a'), b(90, u'b');
+  std::atomic<int> writing{2};
+  auto writer = [&](int parity) {
+    for (int i = 0; i < 5000; ++i)
+      client.SetAccessToken(reinterpret_cast<TDC_LPCWSTR>(((i + parity) % 2 ? a : b).c_str()));
+    --writing;
+  };
+  std::thread first(writer, 0), second(writer, 1);
+  size_t torn = 0, reads = 0;
+  while (writing > 0 || reads == 0) {
+    const std::u16string resolved = client.ResolveTokenUrl(u"t");
+    if (resolved != u"http://h/" + a && resolved != u"http://h/" + b && resolved != u"http://h/")
+      ++torn;
+    ++reads;
+  }
+  first.join();
+  second.join();
+  EXPECT_EQ(torn, 0u) << "of " << reads;
+}
+
+// Memory running out inside the frame leaves no request listed, open or allocated
+// (the sanitizer's leak check sees what a count cannot).
+TEST(FrameOutOfMemory, HeadersThatCannotBeBuiltLeaveNoRequestListed) {
+  // The headers carry the language twice; the user agent never does.
+  constexpr size_t kLanguage = 200000;
+  TetherdocServer client(std::string(kLanguage, 'l').c_str(), "App", "1.0");
+  Json::Value reply;
+  {
+    FailAllocationsAbove fail(3 * kLanguage);
+    EXPECT_THROW(client.RequestJson(reply, u"http://127.0.0.1:1/x", u"GET", ""), std::bad_alloc);
+  }
+  EXPECT_EQ(client.PendingRequests(), 0u);
+  EXPECT_EQ(client.RequestJson(reply, u"http://127.0.0.1:1/x", u"GET", ""), TDC_HRESULT_HTTP_ERROR);
+}
+
+TEST(FrameOutOfMemory, ReplyThatCannotBeCopiedStillClosesAndFreesItsRequest) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  Json::Value big;
+  big["data"] = std::string(1 << 20, 'x');
+  ASSERT_NE(emu->ScriptJson("GET", "/big", big, 200, -1), 0u) << emu->last_error();
+  TetherdocServer client("en-US", "App", "1.0");
+  const std::u16string url = tpcsdk::Utf8ToUtf16(emu->base_url() + "/big");
+  Json::Value reply;
+  {
+    // The body arrives on the HTTP client's threads; only the copy out fails.
+    FailAllocationsAbove fail(3 << 19);
+    EXPECT_THROW(client.RequestJson(reply, url, u"GET", ""), std::bad_alloc);
+  }
+  EXPECT_EQ(client.PendingRequests(), 0u);
+  EXPECT_EQ(client.RequestJson(reply, url, u"GET", ""), TDC_HRESULT_OK);
 }
 
 }  // namespace
