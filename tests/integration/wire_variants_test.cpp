@@ -27,7 +27,8 @@ using tpcsdk::Utf8ToUtf16;
 // of the first request of the process, whichever test makes it.
 constexpr char kAppName[] = "My App Name";
 constexpr char kAppVersion[] = "12.1";
-const std::string kPath = "/tdocapi/v1/documents";
+// A path of no service, so only what a test scripts answers it.
+const std::string kPath = "/tdocapi/v1/wire-check";
 // Large enough that an HTTP library would ask the server to continue first.
 const std::string kLargeBody = "{\"x\":\"" + std::string(300000, 'y') + "\"}\n";
 const std::string kLargeLength = std::to_string(kLargeBody.size());

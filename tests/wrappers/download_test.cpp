@@ -202,10 +202,10 @@ TEST_F(Download, EnvironmentProxyIsUsed) {
   TESTKIT_EMULATOR_OR_SKIP(emu);
   testkit::ScopedEnv proxy("http_proxy", emu->base_url());
   testkit::ScopedEnv none("no_proxy", "");
-  EXPECT_TRUE(Get("http://wrappers.example.invalid/files/p.pdf"));
+  EXPECT_TRUE(Get("http://wrappers.example.invalid/files/wrappers/p.pdf"));
   const auto sent = emu->Requests();
   ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(sent[0].target, "http://wrappers.example.invalid/files/p.pdf");
+  EXPECT_EQ(sent[0].target, "http://wrappers.example.invalid/files/wrappers/p.pdf");
   EXPECT_TRUE(fs::exists(target_));
 }
 #endif
