@@ -13,18 +13,8 @@
 
 namespace {
 
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  Json::Reader().parse(text, v);
-  return v;
-}
-
-std::string Compact(const Json::Value& v) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  b["emitUTF8"] = true;
-  return Json::writeString(b, v);
-}
+using emulator_test::Compact;
+using emulator_test::Parse;
 
 const char kPoll[] = "/tdocapi/v1/messages/polling";
 const char kAck[] = "/tdocapi/v1/messages?access-token=T1";
@@ -41,13 +31,6 @@ class MessagesTest : public emulator_test::EmulatorFixture {
     ASSERT_TRUE(emu_->Seed("versions", Parse(R"({"versions":[{"cVersionID":"V1","cDocID":"D1"},
         {"cVersionID":"V2","cDocID":"D1"},{"cVersionID":"X","cDocID":"D2"},
         {"cVersionID":"V3","cDocID":"D1"}]})")));
-  }
-  Json::Value Call(const std::string& method, const std::string& target,
-                   const std::string& body = "", int* status = nullptr) {
-    testkit::HttpResult r = testkit::HttpExchange(emu_->base_url(), method, target, body);
-    EXPECT_NE(r.status, 0) << r.error;
-    if (status != nullptr) *status = r.status;
-    return Parse(r.body);
   }
   // One round with these parameters (a JSON array text); its `data`.
   Json::Value Poll(const std::string& parameters) {
