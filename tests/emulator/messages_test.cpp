@@ -196,7 +196,7 @@ TEST_P(Acknowledged, AnsweredUntilAcknowledgedThenNeverAgain) {
   const AckCase& c = GetParam();
   Json::Value extra(Json::objectValue);
   if (*c.app != '\0') extra["cAppID"] = c.app;
-  Json::Value posted = emu_->PostMessage("T1", c.type, Parse(R"({"messageTemplateId":"tpl-share",
+  Json::Value posted = emu_->QueueMessage("T1", c.type, Parse(R"({"messageTemplateId":"tpl-share",
       "text":"Grüße"})"), extra);
   ASSERT_TRUE(posted.isObject()) << emu_->last_error();
   const std::string id = posted["message"]["_id"].asString();
@@ -244,9 +244,9 @@ INSTANTIATE_TEST_SUITE_P(Types, Acknowledged,
                          [](const auto& info) { return std::to_string(info.param.type); });
 
 TEST_F(MessagesTest, AppMessagesGoOnlyToTheirApplication) {
-  ASSERT_TRUE(emu_->PostMessage("T1", 109, Parse(R"({"_id":"s1"})"), Parse(R"({"cAppID":"A"})"))
+  ASSERT_TRUE(emu_->QueueMessage("T1", 109, Parse(R"({"_id":"s1"})"), Parse(R"({"cAppID":"A"})"))
                   .isObject());
-  ASSERT_TRUE(emu_->PostMessage("T1", 109, Parse(R"({"_id":"s2"})")).isObject());  // any app
+  ASSERT_TRUE(emu_->QueueMessage("T1", 109, Parse(R"({"_id":"s2"})")).isObject());  // any app
   Json::Value data = Poll(R"([{"type":109,"token":"T1","cAppID":"B"},
                               {"type":109,"token":"T1","cAppID":"A"}])");
   EXPECT_EQ(Compact(data[0]["data"]), R"([{"_id":"s2"}])");
@@ -256,9 +256,9 @@ TEST_F(MessagesTest, AppMessagesGoOnlyToTheirApplication) {
 }
 
 TEST_F(MessagesTest, UnacknowledgedTypesAreAnsweredOnce) {
-  ASSERT_TRUE(emu_->PostMessage("T1", 110, Parse(R"({"untreatedNotify":2})")).isObject());
-  ASSERT_TRUE(emu_->PostMessage("T1", 110, Parse(R"({"untreatedNotify":3})")).isObject());
-  ASSERT_TRUE(emu_->PostMessage("T1", 101, Parse(R"({"cVersionID":"P1"})"),
+  ASSERT_TRUE(emu_->QueueMessage("T1", 110, Parse(R"({"untreatedNotify":2})")).isObject());
+  ASSERT_TRUE(emu_->QueueMessage("T1", 110, Parse(R"({"untreatedNotify":3})")).isObject());
+  ASSERT_TRUE(emu_->QueueMessage("T1", 101, Parse(R"({"cVersionID":"P1"})"),
                                 Parse(R"({"cDocID":"D2"})"))
                   .isObject());
   const char kRound[] = R"([{"type":110,"token":"T1"},
@@ -277,7 +277,7 @@ TEST_F(MessagesTest, UnacknowledgedTypesAreAnsweredOnce) {
 }
 
 TEST_F(MessagesTest, ControlElementsGoIntoOneRound) {
-  ASSERT_TRUE(emu_->PostMessage("T1", 102, Parse(R"({"_id":"m1"})")).isObject());
+  ASSERT_TRUE(emu_->QueueMessage("T1", 102, Parse(R"({"_id":"m1"})")).isObject());
   ASSERT_TRUE(emu_->QueueNextPollingTime(60));
   ASSERT_TRUE(emu_->Seed("polling/elements", Parse(R"({"nextPollingTime":0,
       "elements":[{"parameter":{"type":0,"token":"T1","nextPollingTime":5},"messageCode":7}],
@@ -331,7 +331,7 @@ TEST_F(MessagesTest, TemplatesAndConfigurationFollowTheControlApiUntilReset) {
   ASSERT_TRUE(emu_->Seed("polling/config", Parse(R"({"minimumPollingTime":0,"extra":[]})")));
   EXPECT_EQ(Compact(Call("GET", "/tdocapi/v1/messages/polling-config?appType=3")["data"]),
             R"([{"extra":[],"minimumPollingTime":0}])");
-  ASSERT_TRUE(emu_->PostMessage("T1", 104, Json::Value(Json::objectValue)).isObject());
+  ASSERT_TRUE(emu_->QueueMessage("T1", 104, Json::Value(Json::objectValue)).isObject());
 
   ASSERT_TRUE(emu_->Reset());
   EXPECT_EQ(Inbox().size(), 0u);
@@ -340,7 +340,7 @@ TEST_F(MessagesTest, TemplatesAndConfigurationFollowTheControlApiUntilReset) {
 }
 
 TEST_F(MessagesTest, FaultsAndScriptsComeBeforeTheModel) {
-  ASSERT_TRUE(emu_->PostMessage("T1", 102, Parse(R"({"_id":"m1"})")).isObject());
+  ASSERT_TRUE(emu_->QueueMessage("T1", 102, Parse(R"({"_id":"m1"})")).isObject());
   const std::string round = PollBody(R"({"type":102,"token":"T1"})");
   // A script answers instead of the model: nothing is handed out.
   ASSERT_NE(emu_->ScriptJson("POST", kPoll, Parse(R"({"ret":0,"returned":0,"data":[]})"), 200, 1),

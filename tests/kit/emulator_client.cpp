@@ -345,7 +345,7 @@ bool EmulatorClient::SeedUser(const std::string& cUserID, const std::string& tok
   return Seed("users", u);
 }
 
-Json::Value EmulatorClient::PostMessage(const std::string& token, int type,
+Json::Value EmulatorClient::QueueMessage(const std::string& token, int type,
                                         const Json::Value& message, Json::Value extra) {
   extra["token"] = token;
   extra["type"] = type;

@@ -323,7 +323,7 @@ Reply MessageModel::LatestVersion(const Request& req) {
 
 // ---- control -----------------------------------------------------------------
 
-Json::Value MessageModel::PostMessage(const Json::Value& in) {
+Json::Value MessageModel::AddMessage(const Json::Value& in) {
   Posted p;
   p.token = Str(in, "token");
   if (p.token.empty()) Bad("a message needs 'token' (a non-empty text)");
@@ -382,9 +382,9 @@ bool MessageModel::Control(const std::string& method, const std::string& what,
     try {
       if (in.isMember("messages")) {
         if (!in["messages"].isArray()) Bad("'messages' must be an array");
-        for (const auto& m : in["messages"]) posted.append(PostMessage(m));
+        for (const auto& m : in["messages"]) posted.append(AddMessage(m));
       } else {
-        posted.append(PostMessage(in));
+        posted.append(AddMessage(in));
       }
     } catch (...) {
       posted_.resize(before);

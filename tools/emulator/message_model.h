@@ -66,7 +66,7 @@ class MessageModel {
   Reply PollingConfig(const Request& req);
   Reply LatestVersion(const Request& req);
 
-  Json::Value PostMessage(const Json::Value& in);
+  Json::Value AddMessage(const Json::Value& in);
   Json::Value List(const std::string& token, int type) const;
   size_t Count(const std::string& state, const std::string& token) const;
 
