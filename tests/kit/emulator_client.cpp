@@ -346,7 +346,7 @@ bool EmulatorClient::SeedUser(const std::string& cUserID, const std::string& tok
 }
 
 Json::Value EmulatorClient::QueueMessage(const std::string& token, int type,
-                                        const Json::Value& message, Json::Value extra) {
+                                         const Json::Value& message, Json::Value extra) {
   extra["token"] = token;
   extra["type"] = type;
   extra["message"] = message;

@@ -108,7 +108,7 @@ class EmulatorClient {
   // back its record, whose "message" is what a round carries (with the "_id"
   // the emulator gave it where it had none); a null value on failure.
   Json::Value QueueMessage(const std::string& token, int type, const Json::Value& message,
-                          Json::Value extra = Json::Value(Json::objectValue));
+                           Json::Value extra = Json::Value(Json::objectValue));
   // Waits until `count` posted messages (of `token` when not empty) are
   // "delivered" or "acknowledged"; true when they were within the bound.
   bool WaitForMessages(size_t count, const std::string& state = "acknowledged",
