@@ -1,12 +1,28 @@
 // The fixture of the emulator's tests: the emulator, reset and ready.
 #pragma once
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include <string>
 
 #include "kit/emulator_client.h"
 
 namespace emulator_test {
+
+// `text` parsed; null when it is not JSON.
+inline Json::Value Parse(const std::string& text) {
+  Json::Value v;
+  Json::Reader().parse(text, v);
+  return v;
+}
+
+// `v` as compact JSON, UTF-8 kept as it is.
+inline std::string Compact(const Json::Value& v) {
+  Json::StreamWriterBuilder b;
+  b["indentation"] = "";
+  b["emitUTF8"] = true;
+  return Json::writeString(b, v);
+}
 
 class EmulatorFixture : public ::testing::Test {
  protected:
@@ -15,6 +31,14 @@ class EmulatorFixture : public ::testing::Test {
     bool is_error = false;
     emu_ = testkit::AcquireEmulator(&why, &is_error);
     ASSERT_NE(emu_, nullptr) << why;
+  }
+  // One exchange with the emulator; the reply parsed (null when it is not JSON).
+  Json::Value Call(const std::string& method, const std::string& target,
+                   const std::string& body = "", int* status = nullptr) {
+    testkit::HttpResult r = testkit::HttpExchange(emu_->base_url(), method, target, body);
+    EXPECT_NE(r.status, 0) << r.error;
+    if (status != nullptr) *status = r.status;
+    return Parse(r.body);
   }
   testkit::EmulatorClient* emu_ = nullptr;
 };

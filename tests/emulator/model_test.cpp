@@ -14,17 +14,8 @@
 
 namespace {
 
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  Json::Reader().parse(text, v);
-  return v;
-}
-
-std::string Compact(const Json::Value& v) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  return Json::writeString(b, v);
-}
+using emulator_test::Compact;
+using emulator_test::Parse;
 
 // The member at a dotted path ("data.0.cState"); null when absent.
 Json::Value At(const Json::Value& root, const std::string& path) {
@@ -68,14 +59,6 @@ class ModelTest : public emulator_test::EmulatorFixture {
     ASSERT_TRUE(emu_->Seed("messages", Parse(R"({"messages":[{"cAppID":"A","msgId":"m1",
         "title":"hi"},{"cAppID":"A","msgId":"m2"},{"cAppID":"B","msgId":"m3"}]})")))
         << emu_->last_error();
-  }
-  // One exchange; the reply parsed (null when it is not JSON).
-  Json::Value Call(const std::string& method, const std::string& target,
-                   const std::string& body = "", int* status = nullptr) {
-    testkit::HttpResult r = testkit::HttpExchange(emu_->base_url(), method, target, body);
-    EXPECT_NE(r.status, 0) << r.error;
-    if (status != nullptr) *status = r.status;
-    return Parse(r.body);
   }
 };
 

@@ -347,6 +347,31 @@ bool EmulatorClient::SeedUser(const std::string& cUserID, const std::string& tok
   return Seed("users", u);
 }
 
+Json::Value EmulatorClient::QueueMessage(const std::string& token, int type,
+                                         const Json::Value& message, Json::Value extra) {
+  extra["token"] = token;
+  extra["type"] = type;
+  extra["message"] = message;
+  Json::Value out;
+  return Call("POST", "inbox", extra, &out) ? out["messages"][0] : Json::Value();
+}
+
+bool EmulatorClient::WaitForMessages(size_t count, const std::string& state,
+                                     const std::string& token, int timeout_ms) {
+  Json::Value in(Json::objectValue), out;
+  in["count"] = Json::UInt64(count);
+  in["state"] = state;
+  if (!token.empty()) in["token"] = token;
+  in["timeout_ms"] = timeout_ms;
+  return Call("POST", "inbox/wait", in, &out, timeout_ms + 30000) && out["ok"].asBool();
+}
+
+bool EmulatorClient::QueueNextPollingTime(const Json::Value& seconds) {
+  Json::Value in(Json::objectValue);
+  in["nextPollingTime"] = seconds;
+  return Call("POST", "polling/elements", in);
+}
+
 std::string EmulatorClient::OpenTlsListener(const std::string& kind) {
   Json::Value in(Json::objectValue), out;
   in["kind"] = kind;

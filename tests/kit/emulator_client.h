@@ -103,6 +103,19 @@ class EmulatorClient {
   bool SeedUser(const std::string& cUserID, const std::string& token, const std::string& email,
                 bool online = false);
 
+  // The messages handed out by polling. QueueMessage queues one for `token` and
+  // `type` (extra members such as "cAppID" or "cDocID" from `extra`) and gives
+  // back its record, whose "message" is what a round carries (with the "_id"
+  // the emulator gave it where it had none); a null value on failure.
+  Json::Value QueueMessage(const std::string& token, int type, const Json::Value& message,
+                           Json::Value extra = Json::Value(Json::objectValue));
+  // Waits until `count` posted messages (of `token` when not empty) are
+  // "delivered" or "acknowledged"; true when they were within the bound.
+  bool WaitForMessages(size_t count, const std::string& state = "acknowledged",
+                       const std::string& token = "", int timeout_ms = 10000);
+  // Puts a control element {"nextPollingTime": seconds} into the next round.
+  bool QueueNextPollingTime(const Json::Value& seconds);
+
   // Base URL of an extra TLS listener: "valid", "expired" or "wrong_name".
   // Empty on failure.
   std::string OpenTlsListener(const std::string& kind);

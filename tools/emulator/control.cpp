@@ -282,7 +282,8 @@ Reply Dispatch(State* state, ControlHost* host, const Request& req, const Json::
     return JsonReply(200, out);
   }
   Json::Value out;
-  if (state->model().Control(m, what, in, &out)) return JsonReply(200, out);
+  if (state->model().Control(m, what, in, &out) || state->messages().Control(m, what, in, &out))
+    return JsonReply(200, out);
   return Error(404, "no control endpoint " + m + " /_emulator/" + what);
 }
 

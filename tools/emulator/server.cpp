@@ -491,7 +491,7 @@ struct Emulator::Impl : ControlHost {
       return BuildDirectory(req.listener, state.Directory());
     }
     Reply r;
-    if (state.model().Answer(req, &r)) return r;
+    if (state.model().Answer(req, &r) || state.messages().Answer(req, &r)) return r;
     r.headers.emplace_back("Content-Type", "application/json");
     r.body = kDefaultEnvelope;
     return r;

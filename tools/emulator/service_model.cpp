@@ -68,19 +68,6 @@ Reply JsonReply(int status, const Json::Value& v) {
   return r;
 }
 
-Reply Envelope(int ret, const std::string& message, const Json::Value& data) {
-  Json::Value v(Json::objectValue);
-  v["ret"] = ret;
-  v["message"] = message;
-  v["returned"] = data.isArray() ? static_cast<int>(data.size()) : (data.isNull() ? 0 : 1);
-  v["data"] = data;
-  return JsonReply(200, v);
-}
-
-Reply Failure(int ret, const std::string& message) {
-  return Envelope(ret, message, Json::Value(Json::arrayValue));
-}
-
 Reply One(const Json::Value& record) {
   Json::Value data(Json::arrayValue);
   data.append(record);
@@ -272,6 +259,19 @@ void CheckModel(const Json::Value& m) {
 
 }  // namespace
 
+Reply Envelope(int ret, const std::string& message, const Json::Value& data) {
+  Json::Value v(Json::objectValue);
+  v["ret"] = ret;
+  v["message"] = message;
+  v["returned"] = data.isArray() ? static_cast<int>(data.size()) : (data.isNull() ? 0 : 1);
+  v["data"] = data;
+  return JsonReply(200, v);
+}
+
+Reply Failure(int ret, const std::string& message) {
+  return Envelope(ret, message, Json::Value(Json::arrayValue));
+}
+
 std::string CompactJson(const Json::Value& v) {
   Json::StreamWriterBuilder b;
   b["indentation"] = "";
@@ -354,6 +354,20 @@ void ServiceModel::Reset() {
   std::lock_guard<std::mutex> lock(mu_);
   data_ = DefaultModel();
   Save();
+}
+
+bool ServiceModel::KnowsToken(const std::string& token) {
+  std::lock_guard<std::mutex> lock(mu_);
+  return UserByToken(token) != nullptr;
+}
+
+bool ServiceModel::VersionsOf(const std::string& doc, Json::Value* versions) {
+  std::lock_guard<std::mutex> lock(mu_);
+  *versions = Json::Value(Json::arrayValue);
+  for (const auto& v : data_["versions"]) {
+    if (Str(v, "cDocID") == doc) versions->append(v);
+  }
+  return !versions->empty() || FindIn("documents", "cDocID", doc) != nullptr;
 }
 
 Json::Value* ServiceModel::FindIn(const char* list, const char* key, const std::string& value) {

@@ -19,6 +19,11 @@ std::string CompactJson(const Json::Value& v);
 // Parses `text`; false with the reason in `errors` when it is not JSON or
 // nests deeper than the reader allows (the reader throws then; this does not).
 bool ParseJson(const std::string& text, Json::Value* out, std::string* errors);
+// The service's reply envelope: `ret`, `message`, `returned` (the size of an
+// array `data`, 1 for another non-null value) and `data`.
+Reply Envelope(int ret, const std::string& message, const Json::Value& data);
+// A failure: `ret` with an empty `data` array.
+Reply Failure(int ret, const std::string& message);
 
 class ServiceModel {
  public:
@@ -39,6 +44,13 @@ class ServiceModel {
 
   // Forgets everything (and writes the empty model to the state file).
   void Reset();
+
+  // Look-ups for the message model.
+  // True when a user holds `token` (never for an empty one).
+  bool KnowsToken(const std::string& token);
+  // The versions of `doc` in the order they were registered; false when no
+  // document and no version has that id.
+  bool VersionsOf(const std::string& doc, Json::Value* versions);
 
  private:
   Reply Dispatch(const Request& req, const std::string& path, bool* handled);

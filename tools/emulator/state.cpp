@@ -229,6 +229,7 @@ DirectoryOverride State::Directory() const {
 
 void State::Reset() {
   model_.Reset();
+  messages_.Reset();
   std::lock_guard<std::mutex> lock(mu_);
   log_.clear();
   scripts_.clear();
@@ -243,6 +244,7 @@ void State::Shutdown() {
   shutdown_ = true;
   for (auto& w : waits_) w.second->Finish(Wait::kAborted);
   changed_.notify_all();
+  messages_.Shutdown();
 }
 
 std::shared_ptr<Wait> State::BeginWait(const Request& req, const std::string& phase,

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "message_model.h"
 #include "service_model.h"
 #include "wire.h"
 
@@ -130,8 +131,10 @@ class State {
 
   // The service model; it keeps its own lock.
   ServiceModel& model() { return model_; }
+  // The messages polled for; they keep their own lock too.
+  MessageModel& messages() { return messages_; }
 
-  // Clears rules, log, directory override and the model, and aborts every wait.
+  // Clears rules, log, directory override and the models, and aborts every wait.
   void Reset();
   // Aborts every wait now and every later one at once.
   void Shutdown();
@@ -155,6 +158,7 @@ class State {
   std::map<uint64_t, std::shared_ptr<Wait>> waits_;
   bool shutdown_ = false;
   ServiceModel model_;
+  MessageModel messages_{&model_};
 };
 
 // The built-in directory document for a listener, with `o` applied.
