@@ -73,13 +73,14 @@ class IPDFPlatform {
   /* 7  GetRecordHostFromGPO: the tenant value (EnterpriseTenantDomain) of the user's
    *    product key; else the preference file ProfStore.xml, then the machine's and the
    *    user's policy (TDOC\TDOCServer). Also refreshes the DisableFindHost switch that
-   *    slots 5 and 6 obey. user is not read. 0 (host possibly untouched), or -2 when
-   *    the preference store has no value at all. The first call of slot 7 or 8 fixes
+   *    slots 5 and 6 obey. user is not read. 0, or -2 when neither the preference
+   *    file nor a policy names a host. The first call of slot 7 or 8 fixes
    *    the product, version and preference file for the life of the process. */
   virtual int GetRecordHostFromGPO(TDC_LPWSTR* host, TDC_LPCWSTR app, TDC_LPCWSTR version,
                                    TDC_LPCWSTR user) = 0;
   /* 8  GetRecordUpdateHostFromGPO: the preference file, then policy
-   *    (TDOC\InternalUpdate). Refreshes DisableFindHost. 0, or -2 as for slot 7. */
+   *    (TDOC\InternalUpdate). Refreshes DisableFindHost. 0 (with host untouched when
+   *    the value is empty), or -2 when no source has the value. */
   virtual int GetRecordUpdateHostFromGPO(TDC_LPWSTR* host, TDC_LPCWSTR app,
                                          TDC_LPCWSTR version) = 0;
   /* 9  GetRecordHostFromLastDefaultLogined: the service host marked "1" among the
