@@ -97,4 +97,55 @@ inline constexpr char16_t kPolicyAutoConvertTetherdoc[] = u"AutoConvertTetherdoc
 inline constexpr char16_t kPolicyOfficeAutoConvertTetherdoc[] = u"OfficeAutoConvertTetherdoc";
 // Modules and Plugins: the data of every value; the exception menu: every value's name.
 
+// ---- What an administrator sets. ----
+// The administrative templates (admin/windows) and the example hives (admin/linux)
+// name exactly these values; a test holds them to this list.
+
+// How a value is read: a string, a 32-bit number, or a whole key whose values make
+// a list (their data, or their names).
+enum class AdminValueKind { kText, kNumber, kListOfData, kListOfNames };
+
+struct AdminValue {
+  const char16_t* subkey;  // below the key the table names
+  const char16_t* name;    // null for a list: every value of the key counts
+  AdminValueKind kind;
+};
+
+// Below Software\Policies\<product policy key>, under the machine and the user (the
+// machine's value wins). The templates use the newest product key of each product.
+inline constexpr AdminValue kAdminPolicyValues[] = {
+    {kPolicyPreferences, kPolicyPrinterName, AdminValueKind::kText},
+    {kPolicyPreferences, kPolicyDistName, AdminValueKind::kText},
+    {kPolicyPreferences, kPolicyMainFrameName, AdminValueKind::kText},
+    {kPolicyPreferences, kPolicyInternetConnection, AdminValueKind::kNumber},
+    {kPolicyPreferences, kPolicyCollectData, AdminValueKind::kNumber},
+    {kPolicyPreferences, kPolicyTutorialsUrl, AdminValueKind::kText},
+    {kPolicyPreferences, kPolicyCheckAddinOutputPdf, AdminValueKind::kNumber},
+    {kPolicyPreferences, kPolicyCheckAddinViewPdf, AdminValueKind::kNumber},
+    {kPolicyPreferences, kPolicyCheckAddinAttachments, AdminValueKind::kNumber},
+    {kPolicyPreferences, kPolicyCreatorPortRangeMin, AdminValueKind::kNumber},
+    {kPolicyPreferences, kPolicyCreatorPortRangeMax, AdminValueKind::kNumber},
+    {kPolicyPreferences, kPolicyGpoAppendMode, AdminValueKind::kNumber},
+    {kPolicyPreferences, kPolicyDisableMajorUpdate, AdminValueKind::kNumber},
+    {kPolicyTdoc, kPolicyServiceUrl, AdminValueKind::kText},
+    {kPolicyTdoc, kPolicyInternalUpdate, AdminValueKind::kText},
+    {kPolicyTdoc, kPolicyDisableTetherdoc, AdminValueKind::kNumber},
+    {kPolicyTdocPreferences, kPolicyAutoConvertTetherdoc, AdminValueKind::kNumber},
+    {kPolicyTdocPreferences, kPolicyOfficeAutoConvertTetherdoc, AdminValueKind::kNumber},
+    {kPolicyModules, nullptr, AdminValueKind::kListOfData},
+    {kPolicyPlugins, nullptr, AdminValueKind::kListOfData},
+    {kPolicyConnectionExceptions, nullptr, AdminValueKind::kListOfNames},
+};
+
+// Below the current user's product key of a major release, ProductVersionKey(kind,
+// version): the tenant's service host and the switch that keeps host discovery off DNS.
+inline constexpr AdminValue kAdminUserReleaseValues[] = {
+    {kServicePluginKey, kTenantValue, AdminValueKind::kText},
+    {kFindHostKey, kDisableFindHostValue, AdminValueKind::kText},
+};
+
+// The major release the templates are written for; an administrator of another
+// release changes the version in their key paths.
+inline constexpr char16_t kAdminTemplateVersion[] = u"12.0";
+
 }  // namespace tpcsdk::reg
