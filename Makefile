@@ -1,12 +1,13 @@
 # make test   bootstrap, build Linux and Windows, run every test natively, under
 #             ASan+UBSan, and the Windows programs under wine
+# make demo   bootstrap, build the module, tdoc and the emulator (Linux), run tdoc demo
 # make build  build both platforms
 SHELL := /bin/bash
 JOBS  ?= $(shell nproc)
 B      = build
 GEN    = -G "Unix Makefiles"
 
-.PHONY: all bootstrap build linux windows asan test clean
+.PHONY: all bootstrap build linux windows asan test demo clean
 all: build
 
 bootstrap:
@@ -27,6 +28,10 @@ windows: $(B)/win64/Makefile
 asan: $(B)/asan/Makefile
 	@cmake --build $(B)/asan -j$(JOBS)
 build: linux windows
+
+demo: bootstrap $(B)/linux/Makefile
+	@cmake --build $(B)/linux -j$(JOBS) --target tpcsdk tdoc tdoc-emulator
+	@$(B)/linux/bin/tdoc demo
 
 test: bootstrap
 	@$(MAKE) --no-print-directory linux windows asan
