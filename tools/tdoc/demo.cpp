@@ -257,14 +257,18 @@ int RunDemo(Context& ctx, const DemoOptions& o) {
   Emulator emulator;
   Walk walk(ctx, emulator, kSteps);
   const fs::path temp = MakeTempFolder();
+  // At the end the module goes first: a loaded module's file cannot be removed on
+  // Windows.
   struct Cleanup {
+    Host& host;
     fs::path dir;
     bool keep;
     ~Cleanup() {
+      host.Unload();
       std::error_code ec;
       if (!keep) fs::remove_all(dir, ec);
     }
-  } cleanup{temp, o.keep};
+  } cleanup{ctx.host, temp, o.keep};
   const std::string source_module = ctx.module_path.empty()
                                         ? sys::ExecutableDirectory() + sys::PathSeparator() + sys::ModuleFileName()
                                         : ctx.module_path;

@@ -106,11 +106,19 @@ void Host::Load(const std::string& path) {
   release_text_ = reinterpret_cast<int (*)(char*)>(sys::ModuleSymbol(module, "TDC_ReleaseLPSTR"));
   if (!get || !release_wide_ || !release_text_)
     throw Failure{kExitNoModule, file + " does not export TDC_GetTDOCPlatform and the release calls"};
+  module_ = module;
   module_path_ = sys::LoadedModulePath(module);
   if (module_path_.empty()) module_path_ = file;
   // The first call creates the platform; it comes before any thread of ours.
   platform_ = get();
   if (!platform_) throw Failure{kExitNoModule, "TDC_GetTDOCPlatform gave no platform object"};
+}
+
+void Host::Unload() {
+  if (!module_) return;
+  platform_ = nullptr;
+  sys::UnloadModule(module_);
+  module_ = nullptr;
 }
 
 std::string Host::TakeWide(TDC_LPWSTR text) const {

@@ -41,6 +41,9 @@ class Host {
   // platform object. Throws Failure(kExitNoModule) when it cannot.
   void Load(const std::string& path);
   bool loaded() const { return platform_ != nullptr; }
+  // Unloads the module, which ends its platform and every client. Only for a
+  // caller that is done with the module and holds none of its pointers.
+  void Unload();
   IPDFPlatform* platform() const { return platform_; }
   const std::string& module_path() const { return module_path_; }
 
@@ -55,6 +58,7 @@ class Host {
   int Bounded(const std::string& what, int timeout_ms, const std::function<int()>& call) const;
 
  private:
+  void* module_ = nullptr;
   IPDFPlatform* platform_ = nullptr;
   int (*release_wide_)(TDC_LPWSTR) = nullptr;
   int (*release_text_)(char*) = nullptr;

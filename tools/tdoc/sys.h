@@ -18,6 +18,8 @@ char PathSeparator();
 // Loads the module the way a host does (dlopen / LoadLibraryW). Null with `error`
 // set when it cannot be loaded.
 void* LoadModule(const std::string& path, std::string* error);
+// Unloads the module (dlclose / FreeLibrary); the module ends its platform.
+void UnloadModule(void* module);
 // An export of the loaded module, or null.
 void* ModuleSymbol(void* module, const char* name);
 // The full path of the file the module was loaded from.

@@ -19,6 +19,7 @@
 #include <sstream>
 #include <thread>
 
+#include "http_text.h"
 #include "sys.h"
 
 namespace tdoc::sys {
@@ -45,6 +46,8 @@ void* LoadModule(const std::string& path, std::string* error) {
 }
 
 void* ModuleSymbol(void* module, const char* name) { return dlsym(module, name); }
+
+void UnloadModule(void* module) { dlclose(module); }
 
 std::string LoadedModulePath(void* module) {
   void* symbol = dlsym(module, "TDC_GetTDOCPlatform");
@@ -80,17 +83,6 @@ void OnInterrupt(std::function<void()> handler) {
 
 namespace {
 
-bool SplitBase(const std::string& base, std::string* host, std::string* port) {
-  const std::string scheme = "http://";
-  if (base.compare(0, scheme.size(), scheme) != 0) return false;
-  std::string rest = base.substr(scheme.size());
-  rest = rest.substr(0, rest.find('/'));
-  const size_t colon = rest.rfind(':');
-  if (colon == std::string::npos) return false;
-  *host = rest.substr(0, colon);
-  *port = rest.substr(colon + 1);
-  return !host->empty() && !port->empty();
-}
 
 bool EqualsNoCase(const std::string& a, const std::string& b) {
   if (a.size() != b.size()) return false;
@@ -124,7 +116,7 @@ HttpReply HttpExchange(const std::string& base_url, const std::string& method,
                        const std::string& target, const std::string& body, int timeout_ms) {
   HttpReply reply;
   std::string host, port;
-  if (!SplitBase(base_url, &host, &port)) {
+  if (!SplitBaseUrl(base_url, &host, &port)) {
     reply.error = "not a plain http://host:port URL: " + base_url;
     return reply;
   }
@@ -152,9 +144,7 @@ HttpReply HttpExchange(const std::string& base_url, const std::string& method,
     reply.error = "cannot connect to " + host + ":" + port;
     return reply;
   }
-  const std::string request = method + " " + target + " HTTP/1.1\r\nHost: " + host + ":" + port +
-                              "\r\nContent-Type: application/json\r\nContent-Length: " +
-                              std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+  const std::string request = RequestText(method, target, host, port, body);
   size_t sent = 0;
   while (sent < request.size()) {
     const ssize_t n = send(s, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
@@ -169,14 +159,7 @@ HttpReply HttpExchange(const std::string& base_url, const std::string& method,
     in.append(buf, static_cast<size_t>(n));
   }
   close(s);
-  const size_t head_end = in.find("\r\n\r\n");
-  if (sent < request.size() || head_end == std::string::npos || in.compare(0, 5, "HTTP/") != 0) {
-    reply.error = "no reply from " + base_url;
-    return reply;
-  }
-  reply.status = std::atoi(in.c_str() + in.find(' ') + 1);
-  reply.body = in.substr(head_end + 4);
-  return reply;
+  return ReadReply(in, sent == request.size(), base_url);
 }
 
 bool ReadRegistryString(Hive hive, const std::string& key, const std::string& value,

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "host.h"
+#include "http_text.h"
 #include "sys.h"
 
 namespace tdoc::sys {
@@ -29,17 +30,6 @@ BOOL WINAPI CtrlHandler(DWORD type) {
   return TRUE;
 }
 
-bool SplitBase(const std::string& base, std::string* host, std::string* port) {
-  const std::string scheme = "http://";
-  if (base.compare(0, scheme.size(), scheme) != 0) return false;
-  std::string rest = base.substr(scheme.size());
-  rest = rest.substr(0, rest.find('/'));
-  const size_t colon = rest.rfind(':');
-  if (colon == std::string::npos) return false;
-  *host = rest.substr(0, colon);
-  *port = rest.substr(colon + 1);
-  return !host->empty() && !port->empty();
-}
 
 }  // namespace
 
@@ -60,6 +50,8 @@ void* LoadModule(const std::string& path, std::string* error) {
   if (!module) *error = "LoadLibrary failed with error " + std::to_string(GetLastError());
   return reinterpret_cast<void*>(module);
 }
+
+void UnloadModule(void* module) { FreeLibrary(static_cast<HMODULE>(module)); }
 
 void* ModuleSymbol(void* module, const char* name) {
   return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
@@ -98,7 +90,7 @@ HttpReply HttpExchange(const std::string& base_url, const std::string& method,
     return WSAStartup(MAKEWORD(2, 2), &data) == 0;
   }();
   std::string host, port;
-  if (!ready || !SplitBase(base_url, &host, &port)) {
+  if (!ready || !SplitBaseUrl(base_url, &host, &port)) {
     reply.error = "not a plain http://host:port URL: " + base_url;
     return reply;
   }
@@ -126,9 +118,7 @@ HttpReply HttpExchange(const std::string& base_url, const std::string& method,
     reply.error = "cannot connect to " + host + ":" + port;
     return reply;
   }
-  const std::string request = method + " " + target + " HTTP/1.1\r\nHost: " + host + ":" + port +
-                              "\r\nContent-Type: application/json\r\nContent-Length: " +
-                              std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+  const std::string request = RequestText(method, target, host, port, body);
   size_t sent = 0;
   while (sent < request.size()) {
     const int n = send(s, request.data() + sent, static_cast<int>(request.size() - sent), 0);
@@ -143,14 +133,7 @@ HttpReply HttpExchange(const std::string& base_url, const std::string& method,
     in.append(buf, static_cast<size_t>(n));
   }
   closesocket(s);
-  const size_t head_end = in.find("\r\n\r\n");
-  if (sent < request.size() || head_end == std::string::npos || in.compare(0, 5, "HTTP/") != 0) {
-    reply.error = "no reply from " + base_url;
-    return reply;
-  }
-  reply.status = std::atoi(in.c_str() + in.find(' ') + 1);
-  reply.body = in.substr(head_end + 4);
-  return reply;
+  return ReadReply(in, sent == request.size(), base_url);
 }
 
 bool ReadRegistryString(Hive hive, const std::string& key, const std::string& value,
