@@ -115,15 +115,39 @@ TEST(Tdoc, HelpOnEveryCommandEndsWell) {
   }
 }
 
-// A host that takes the connection and never answers: the call is bounded.
-TEST(Tdoc, StalledHostEndsWithinTheTimeout) {
+// A host that takes the connection and never answers: every call is bounded, the
+// client's creation (which no stop reaches) as well as an operation (which the
+// platform's StopAllRequest ends).
+struct Stall {
+  const char* name;
+  const char* path;
+  std::vector<std::string> command;
+};
+
+class StalledHostTest : public ::testing::TestWithParam<Stall> {};
+
+TEST_P(StalledHostTest, EndsWithinTheTimeout) {
   TESTKIT_EMULATOR_OR_SKIP(emu);
-  emu->FaultOnce("GET", "*", "stall_before_headers");
-  const Outcome o = RunTdoc({"--timeout", "2", "init", "--host", emu->base_url()}, 30000);
+  const Stall& c = GetParam();
+  // No cached API directory may answer in the emulator's place.
+  testkit::TempDir appdata;
+  testkit::ScopedEnv fresh("TPCSDK_APPDATA_DIR", appdata.path().u8string());
+  emu->FaultOnce("GET", c.path, "stall_before_headers");
+  std::vector<std::string> args = {"--timeout", "2"};
+  args.insert(args.end(), c.command.begin(), c.command.end());
+  args.insert(args.end(), {"--host", emu->base_url()});
+  const Outcome o = RunTdoc(args, 30000);
   emu->Release();
   EXPECT_EQ(o.exit, 4) << Describe(o);
   EXPECT_NE(o.err.find("no answer within 2000 ms"), std::string::npos) << Describe(o);
+  EXPECT_EQ(Lines(o.err), 1) << Describe(o);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Tdoc, StalledHostTest,
+    ::testing::Values(Stall{"ApiDirectory", "*", {"init"}},
+                      Stall{"Operation", "/tdocapi/v1/users", {"user", "email", "--token", "T1"}}),
+    [](const ::testing::TestParamInfo<Stall>& info) { return std::string(info.param.name); });
 
 // ---- Operations: --json output and the exit status of a result code.
 
@@ -161,6 +185,19 @@ TEST(Tdoc, ResultCodeBecomesExitStatus) {
   const Json::Value v = ParseJson(o.out);
   EXPECT_EQ(v["result"].asInt(), 4);
   EXPECT_EQ(v["result_name"].asString(), "TDC_HRESULT_FORBIDDEN");
+}
+
+// Text in any script reaches the service as UTF-8, from the command line on.
+TEST(Tdoc, NonAsciiArgumentsGoOutAsUtf8) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  const std::string name = "Pl\xC3\xA4n \xE8\xA8\x88\xE7\x94\xBB \xF0\x9F\x93\x84";  // "Plän 計画 📄"
+  const Outcome o = RunTdoc({"doc", "register", "--host", emu->base_url(), "--app-id", "A", "--doc-id", "D1",
+                             "--name", name, "--created", "2026-01-01", "--modified", "2026-01-02"});
+  ASSERT_EQ(o.exit, 0) << Describe(o);
+  const auto sent = emu->RequestsTo("/tdocapi/v1/documents");
+  ASSERT_EQ(sent.size(), 1u);
+  const Json::Value body = ParseJson(sent[0].body);
+  EXPECT_EQ(body["docName"].asString(), name);
 }
 
 // ---- discover: each source wins in turn.
@@ -223,6 +260,19 @@ INSTANTIATE_TEST_SUITE_P(
         Source{"TenantBeforeEverything", R"({"env":"https://config.example.test"})", kTenantHive, 7,
                "https://tenant.example.test", "tenant value"}),
     [](const ::testing::TestParamInfo<Source>& info) { return std::string(info.param.name); });
+
+// The readable screen names the winner and the source it came from.
+TEST(Tdoc, DiscoverScreenNamesWinnerAndSource) {
+  testkit::TempDir dir;
+  fs::copy_file(fs::u8path(tdoctest::ProgramDirectory()) / kModule, dir / kModule);
+  testkit::WriteFile(dir / "tpcsdk.config", R"({"env":"https://config.example.test","upd":"https://upd.example.test"})");
+  const Outcome o = RunTdoc({"--module", (dir / kModule).u8string(), "discover"});
+  ASSERT_EQ(o.exit, 0) << Describe(o);
+  EXPECT_NE(o.out.find("=> service host: https://config.example.test"), std::string::npos) << o.out;
+  EXPECT_NE(o.out.find("the host came from the configuration file (env)"), std::string::npos) << o.out;
+  EXPECT_NE(o.out.find("=> update host: https://upd.example.test"), std::string::npos) << o.out;
+  EXPECT_NE(o.out.find("no DNS look-up: the file exists"), std::string::npos) << o.out;
+}
 
 // ---- demo: the whole life cycle, and nothing left behind.
 

@@ -6,8 +6,10 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "common.h"
+#include "sys.h"
 
 int main(int argc, char** argv) {
   tdoc::Context ctx;
@@ -28,9 +30,11 @@ int main(int argc, char** argv) {
   tdoc::AddWatch(app, ctx);
   tdoc::AddDemo(app, ctx);
 
+  std::vector<std::string> args = tdoc::sys::Arguments(argc, argv);
+  if (args.empty()) args.push_back("tdoc");
   // An unknown command is named as such, not as a missing one.
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
+  for (size_t i = 1; i < args.size(); ++i) {
+    const std::string& arg = args[i];
     if (arg == "--module" || arg == "--timeout") {
       ++i;
       continue;
@@ -45,7 +49,9 @@ int main(int argc, char** argv) {
     break;
   }
   try {
-    app.parse(argc, argv);
+    // The parser takes the arguments without the program's name, last first.
+    std::vector<std::string> reversed(args.rbegin(), args.rend() - 1);
+    app.parse(reversed);
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
   } catch (const CLI::CallForAllHelp& e) {

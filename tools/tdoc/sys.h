@@ -5,8 +5,13 @@
 #pragma once
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace tdoc::sys {
+
+// The program's arguments as UTF-8, the program's name first (on Windows taken
+// from the wide command line, so text in any script arrives intact).
+std::vector<std::string> Arguments(int argc, char** argv);
 
 // File name of the module on this platform: libtpcsdk.so or TPCSDK64.dll.
 const char* ModuleFileName();
@@ -20,6 +25,8 @@ char PathSeparator();
 void* LoadModule(const std::string& path, std::string* error);
 // Unloads the module (dlclose / FreeLibrary); the module ends its platform.
 void UnloadModule(void* module);
+// True where a loaded module's file cannot be removed (Windows).
+bool LoadedModuleFileIsLocked();
 // An export of the loaded module, or null.
 void* ModuleSymbol(void* module, const char* name);
 // The full path of the file the module was loaded from.

@@ -24,6 +24,8 @@
 
 namespace tdoc::sys {
 
+std::vector<std::string> Arguments(int argc, char** argv) { return std::vector<std::string>(argv, argv + argc); }
+
 const char* ModuleFileName() { return "libtpcsdk.so"; }
 char PathSeparator() { return '/'; }
 
@@ -48,6 +50,7 @@ void* LoadModule(const std::string& path, std::string* error) {
 void* ModuleSymbol(void* module, const char* name) { return dlsym(module, name); }
 
 void UnloadModule(void* module) { dlclose(module); }
+bool LoadedModuleFileIsLocked() { return false; }
 
 std::string LoadedModulePath(void* module) {
   void* symbol = dlsym(module, "TDC_GetTDOCPlatform");

@@ -2,6 +2,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #include <windows.h>
+#include <shellapi.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -33,6 +34,16 @@ BOOL WINAPI CtrlHandler(DWORD type) {
 
 }  // namespace
 
+std::vector<std::string> Arguments(int argc, char** argv) {
+  int count = 0;
+  wchar_t** wide = CommandLineToArgvW(GetCommandLineW(), &count);
+  if (!wide) return std::vector<std::string>(argv, argv + argc);
+  std::vector<std::string> args;
+  for (int i = 0; i < count; ++i) args.push_back(U8(wide[i]));
+  LocalFree(wide);
+  return args;
+}
+
 const char* ModuleFileName() { return "TPCSDK64.dll"; }
 char PathSeparator() { return '\\'; }
 
@@ -52,6 +63,7 @@ void* LoadModule(const std::string& path, std::string* error) {
 }
 
 void UnloadModule(void* module) { FreeLibrary(static_cast<HMODULE>(module)); }
+bool LoadedModuleFileIsLocked() { return true; }
 
 void* ModuleSymbol(void* module, const char* name) {
   return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
