@@ -152,19 +152,16 @@ int Host::Bounded(const std::string& what, int timeout_ms, const std::function<i
   });
   std::unique_lock<std::mutex> lock(shared->m);
   if (!shared->cv.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return shared->done; })) {
-    // Ask the module to end what it has in flight, then give it a short while.
-    lock.unlock();
-    if (platform_) platform_->StopAllRequest();
-    lock.lock();
-    if (!shared->cv.wait_for(lock, std::chrono::seconds(3), [&] { return shared->done; })) {
-      std::fprintf(stderr, "tdoc: %s: no answer within %d ms\n", what.c_str(), timeout_ms);
-      std::fflush(stdout);
-      std::fflush(stderr);
-      sys::HardExit(kExitNoAnswer);
-    }
-    lock.unlock();
-    worker.join();
-    throw Failure{kExitNoAnswer, what + ": no answer within " + std::to_string(timeout_ms) + " ms"};
+    // Ask the module to end what it has in flight and give it a short while, then
+    // end the process: a module whose exchange was cut off may still hold the
+    // connection, and its unload code would wait for it.
+    // The stop itself may wait on the exchange, so it runs on a thread of its own.
+    if (IPDFPlatform* platform = platform_) std::thread([platform] { platform->StopAllRequest(); }).detach();
+    shared->cv.wait_for(lock, std::chrono::seconds(3), [&] { return shared->done; });
+    std::fprintf(stderr, "tdoc: %s: no answer within %d ms\n", what.c_str(), timeout_ms);
+    std::fflush(stdout);
+    std::fflush(stderr);
+    sys::HardExit(kExitNoAnswer);
   }
   lock.unlock();
   worker.join();

@@ -52,9 +52,9 @@ class Host {
   std::string TakeText(char* text) const;
 
   // Runs one call into the module on a worker thread and waits at most
-  // `timeout_ms`. When it does not come back, stops every call in flight and
-  // waits a little more; when it still hangs, prints `what` as not answering
-  // and ends the process with kExitNoAnswer.
+  // `timeout_ms`. When it does not come back, stops every call in flight, waits
+  // a little more, prints `what` as not answering and ends the process at once
+  // with kExitNoAnswer.
   int Bounded(const std::string& what, int timeout_ms, const std::function<int()>& call) const;
 
  private:
