@@ -1,5 +1,6 @@
 # make test   bootstrap, build Linux and Windows, run every test natively, under
 #             ASan+UBSan, and the Windows programs under wine
+# make demo   bootstrap, build the module, tdoc and the emulator (Linux), run tdoc demo
 # make build  build both platforms
 # make tsan   build Linux with ThreadSanitizer and run every test program under it
 SHELL := /bin/bash
@@ -7,7 +8,7 @@ JOBS  ?= $(shell nproc)
 B      = build
 GEN    = -G "Unix Makefiles"
 
-.PHONY: all bootstrap build linux windows asan tsan test clean
+.PHONY: all bootstrap build linux windows asan tsan test demo clean
 all: build
 
 bootstrap:
@@ -36,6 +37,10 @@ tsan: $(B)/tsan/Makefile
 	@rm -f $(B)/tsan-results.txt
 	@TSAN_OPTIONS=second_deadlock_stack=1 scripts/run-tests.sh native $(B)/tsan $(B)/tsan-results.txt
 	@awk '{printf "%d passed, %d failed\n", $$1, $$2; exit ($$2 > 0 || $$1 == 0)}' $(B)/tsan-results.txt
+
+demo: bootstrap $(B)/linux/Makefile
+	@cmake --build $(B)/linux -j$(JOBS) --target tpcsdk tdoc tdoc-emulator
+	@$(B)/linux/bin/tdoc demo
 
 test: bootstrap
 	@$(MAKE) --no-print-directory linux windows asan

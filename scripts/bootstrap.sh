@@ -19,7 +19,7 @@ PKGS=(
   g++-mingw-w64-x86-64-posix wine64
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev libcpp-httplib-dev libkrb5-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libpugixml-dev
-  clang libclang-rt-14-dev dpkg-dev xz-utils
+  clang libclang-rt-14-dev dpkg-dev xz-utils libcli11-dev
 )
 
 missing=()

@@ -1,0 +1,346 @@
+// tdoc run as a user runs it: a process, its output and its exit status, against
+// the emulator (in this process natively, the native one under wine).
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <filesystem>
+#include <memory>
+#include <sstream>
+
+#include "kit/emulator_client.h"
+#include "kit/testkit.h"
+#include "tdoc/run_process.h"
+
+namespace fs = std::filesystem;
+using tdoctest::Outcome;
+using tdoctest::Run;
+
+namespace {
+Outcome RunTdoc(const std::vector<std::string>& args, int timeout_ms = 60000) { return Run("tdoc", args, timeout_ms); }
+}  // namespace
+
+namespace {
+
+#ifdef _WIN32
+const char kModule[] = "TPCSDK64.dll";
+#else
+const char kModule[] = "libtpcsdk.so";
+#endif
+
+Json::Value ParseJson(const std::string& text) {
+  Json::Value v;
+  Json::CharReaderBuilder builder;
+  std::string errors;
+  std::istringstream in(text);
+  EXPECT_TRUE(Json::parseFromStream(builder, in, &v, &errors)) << text;
+  return v;
+}
+
+int Lines(const std::string& text) {
+  int n = 0;
+  for (char c : text) n += c == '\n';
+  return n;
+}
+
+std::string Describe(const Outcome& o) {
+  return "exit " + std::to_string(o.exit) + "\nstdout:\n" + o.out + "\nstderr:\n" + o.err;
+}
+
+// Every tdoc this program starts keeps its cache and registry files in a private
+// folder, never in the user's own.
+class PrivateFolders : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    dir_ = std::make_unique<testkit::TempDir>();
+    fs::create_directories(dir_->path() / "appdata");
+    fs::create_directories(dir_->path() / "registry");
+    appdata_ = std::make_unique<testkit::ScopedEnv>("TPCSDK_APPDATA_DIR", (dir_->path() / "appdata").u8string());
+    registry_ = std::make_unique<testkit::ScopedEnv>("TPCSDK_REGISTRY_DIR", (dir_->path() / "registry").u8string());
+  }
+  void TearDown() override {
+    registry_.reset();
+    appdata_.reset();
+    dir_.reset();
+  }
+
+ private:
+  std::unique_ptr<testkit::TempDir> dir_;
+  std::unique_ptr<testkit::ScopedEnv> appdata_, registry_;
+};
+const auto* const kPrivateFolders = ::testing::AddGlobalTestEnvironment(new PrivateFolders);
+
+// ---- Bad input: one line on standard error, the documented status, nothing on stdout.
+
+struct BadInput {
+  const char* name;
+  std::vector<std::string> args;
+  int exit;
+  const char* says;
+};
+
+class BadInputTest : public ::testing::TestWithParam<BadInput> {};
+
+TEST_P(BadInputTest, OneLineAndItsExitStatus) {
+  const BadInput& c = GetParam();
+  // A fresh application-data folder: no cached API directory answers for a host.
+  testkit::TempDir appdata;
+  testkit::ScopedEnv fresh("TPCSDK_APPDATA_DIR", appdata.path().u8string());
+  const Outcome o = RunTdoc(c.args, 30000);
+  EXPECT_EQ(o.exit, c.exit) << Describe(o);
+  EXPECT_NE(o.err.find(c.says), std::string::npos) << Describe(o);
+  EXPECT_EQ(Lines(o.err), 1) << Describe(o);
+  EXPECT_TRUE(o.out.empty()) << Describe(o);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Tdoc, BadInputTest,
+    ::testing::Values(
+        BadInput{"UnknownCommand", {"frob"}, 2, "unknown command 'frob'"},
+        BadInput{"UnknownOption", {"user", "check", "--frob"}, 2, "unknown option '--frob'"},
+        BadInput{"MissingHost", {"init"}, 2, "--host is required"},
+        BadInput{"MissingValue", {"doc", "owner", "--host", "http://127.0.0.1:1"}, 2, "--doc-id is required"},
+        BadInput{"TimeoutOutOfRange", {"--timeout", "0", "discover"}, 2, "--timeout"},
+        BadInput{"ModuleMissing", {"--module", "no-such-module.bin", "discover"}, 3, "cannot load the module"},
+        // Nothing listens on port 1: InitApi ends with an HTTP error.
+        BadInput{"HostNotAnswering", {"init", "--host", "http://127.0.0.1:1"}, 13, "did not answer"}),
+    [](const ::testing::TestParamInfo<BadInput>& info) { return std::string(info.param.name); });
+
+TEST(Tdoc, HelpOnEveryCommandEndsWell) {
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"--help"}, {"discover", "--help"}, {"user", "email", "--help"},
+        {"doc", "register", "--help"}, {"watch", "--help"}, {"demo", "--help"}}) {
+    const Outcome o = RunTdoc(args);
+    EXPECT_EQ(o.exit, 0) << Describe(o);
+    EXPECT_NE(o.out.find("Usage:"), std::string::npos) << Describe(o);
+  }
+}
+
+// A host that takes the connection and never answers: every call is bounded, the
+// client's creation (which no stop reaches) as well as an operation (which the
+// platform's StopAllRequest ends).
+struct Stall {
+  const char* name;
+  const char* path;
+  std::vector<std::string> command;
+};
+
+class StalledHostTest : public ::testing::TestWithParam<Stall> {};
+
+TEST_P(StalledHostTest, EndsWithinTheTimeout) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  const Stall& c = GetParam();
+  // No cached API directory may answer in the emulator's place.
+  testkit::TempDir appdata;
+  testkit::ScopedEnv fresh("TPCSDK_APPDATA_DIR", appdata.path().u8string());
+  emu->FaultOnce("GET", c.path, "stall_before_headers");
+  std::vector<std::string> args = {"--timeout", "2"};
+  args.insert(args.end(), c.command.begin(), c.command.end());
+  args.insert(args.end(), {"--host", emu->base_url()});
+  const Outcome o = RunTdoc(args, 30000);
+  emu->Release();
+  EXPECT_EQ(o.exit, 4) << Describe(o);
+  EXPECT_NE(o.err.find("no answer within 2000 ms"), std::string::npos) << Describe(o);
+  EXPECT_EQ(Lines(o.err), 1) << Describe(o);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Tdoc, StalledHostTest,
+    ::testing::Values(Stall{"ApiDirectory", "*", {"init"}},
+                      Stall{"Operation", "/tdocapi/v1/users", {"user", "email", "--token", "T1"}}),
+    [](const ::testing::TestParamInfo<Stall>& info) { return std::string(info.param.name); });
+
+// ---- Operations: --json output and the exit status of a result code.
+
+TEST(Tdoc, OperationJsonCarriesTheReply) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  Json::Value reply;
+  reply["ret"] = 0;
+  reply["message"] = "";
+  reply["returned"] = 1;
+  reply["data"][0u]["userEmail"] = "ann@x.test";
+  reply["data"][0u]["cUserID"] = "u1";
+  emu->ScriptJson("GET", "/tdocapi/v1/users", reply);
+  const Outcome o = RunTdoc({"--json", "user", "email", "--host", emu->base_url(), "--token", "T1"});
+  ASSERT_EQ(o.exit, 0) << Describe(o);
+  EXPECT_EQ(Lines(o.out), 1) << Describe(o);
+  const Json::Value v = ParseJson(o.out);
+  EXPECT_EQ(v["command"].asString(), "user email");
+  EXPECT_EQ(v["result"].asInt(), 0);
+  EXPECT_EQ(v["result_name"].asString(), "TDC_HRESULT_OK");
+  EXPECT_EQ(v["email"].asString(), "ann@x.test");
+  const auto sent = emu->RequestsTo("/tdocapi/v1/users");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].query, "access-token=T1");
+}
+
+TEST(Tdoc, ResultCodeBecomesExitStatus) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  Json::Value reply(Json::objectValue);
+  emu->ScriptJson("POST", "/tdocapi/v1/documents", reply, 403);
+  testkit::ScopedEnv token("TDOC_TOKEN", "T1");
+  const Outcome o = RunTdoc({"--json", "doc", "register", "--host", emu->base_url(), "--app-id", "A",
+                                 "--doc-id", "D1", "--name", "Plan", "--created", "2026-01-01", "--modified",
+                                 "2026-01-02"});
+  EXPECT_EQ(o.exit, 14) << Describe(o);
+  const Json::Value v = ParseJson(o.out);
+  EXPECT_EQ(v["result"].asInt(), 4);
+  EXPECT_EQ(v["result_name"].asString(), "TDC_HRESULT_FORBIDDEN");
+}
+
+// Text in any script reaches the service as UTF-8, from the command line on.
+TEST(Tdoc, NonAsciiArgumentsGoOutAsUtf8) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  const std::string name = "Pl\xC3\xA4n \xE8\xA8\x88\xE7\x94\xBB \xF0\x9F\x93\x84";  // "Plän 計画 📄"
+  const Outcome o = RunTdoc({"doc", "register", "--host", emu->base_url(), "--app-id", "A", "--doc-id", "D1",
+                             "--name", name, "--created", "2026-01-01", "--modified", "2026-01-02"});
+  ASSERT_EQ(o.exit, 0) << Describe(o);
+  const auto sent = emu->RequestsTo("/tdocapi/v1/documents");
+  ASSERT_EQ(sent.size(), 1u);
+  const Json::Value body = ParseJson(sent[0].body);
+  EXPECT_EQ(body["docName"].asString(), name);
+}
+
+// ---- discover: each source wins in turn.
+
+struct Source {
+  const char* name;
+  const char* config;     // tpcsdk.config beside the module; null: no file
+  const char* user_hive;  // the current user's registry file (Linux); null: none
+  int winner_slot;
+  const char* host;       // null: the build's default
+  const char* from;       // words of the explanation
+};
+
+class DiscoverTest : public ::testing::TestWithParam<Source> {};
+
+TEST_P(DiscoverTest, TheFirstSourceThatNamesAHostWins) {
+  const Source& c = GetParam();
+#ifdef _WIN32
+  if (c.user_hive) GTEST_SKIP() << "registry sources are set up through the registry files on Linux";
+#endif
+  testkit::TempDir dir;
+  fs::create_directories(dir / "module");
+  fs::create_directories(dir / "registry");
+  fs::copy_file(fs::u8path(tdoctest::ProgramDirectory()) / kModule, dir / "module" / kModule);
+  if (c.config) testkit::WriteFile(dir / "module" / "tpcsdk.config", c.config);
+  if (c.user_hive) testkit::WriteFile(dir / "registry" / "user.json", c.user_hive);
+  testkit::ScopedEnv registry("TPCSDK_REGISTRY_DIR", (dir / "registry").u8string());
+  const Outcome o = RunTdoc({"--json", "--module", (dir / "module" / kModule).u8string(), "discover",
+                                 "--app", "Tarvo PDF Reader", "--version", "12.0"});
+  ASSERT_EQ(o.exit, 0) << Describe(o);
+  const Json::Value v = ParseJson(o.out);
+  const Json::Value& service = v["service_host"];
+  EXPECT_EQ(service["winner_slot"].asInt(), c.winner_slot) << o.out;
+  if (c.host) {
+    EXPECT_EQ(service["host"].asString(), c.host) << o.out;
+  }
+  EXPECT_NE(service["why"].asString().find(c.from), std::string::npos) << o.out;
+  // Every slot is reported, in the host's order.
+  ASSERT_EQ(service["slots"].size(), 3u);
+  EXPECT_EQ(service["slots"][0u]["slot"].asInt(), 7);
+  EXPECT_EQ(service["slots"][1u]["slot"].asInt(), 9);
+  EXPECT_EQ(service["slots"][2u]["slot"].asInt(), 5);
+}
+
+const char kTenantHive[] =
+    R"({"SOFTWARE\\Tarvo Software\\Tarvo PDF Reader 12.0\\plugins\\TDOCServer":)"
+    R"({"EnterpriseTenantDomain":"https://tenant.example.test"}})";
+const char kSignedInHive[] =
+    R"({"SOFTWARE\\Tarvo Software\\Tarvo PDF Reader 12.0\\plugins\\TDOCServer\\LoginedService":)"
+    R"({"https://other.example.test":"0","https://last.example.test":"1"}})";
+
+INSTANTIATE_TEST_SUITE_P(
+    Tdoc, DiscoverTest,
+    ::testing::Values(
+        Source{"BuiltInDefault", nullptr, nullptr, 5, nullptr, "built-in default"},
+        Source{"ConfigurationFile", R"({"env":"https://config.example.test"})", nullptr, 5,
+               "https://config.example.test", "configuration file (env)"},
+        Source{"LastSignInBeforeFile", R"({"env":"https://config.example.test"})", kSignedInHive, 9,
+               "https://last.example.test", "policy gave nothing; the host came from the service marked as default at the last sign-in"},
+        Source{"TenantBeforeEverything", R"({"env":"https://config.example.test"})", kTenantHive, 7,
+               "https://tenant.example.test", "tenant value"}),
+    [](const ::testing::TestParamInfo<Source>& info) { return std::string(info.param.name); });
+
+// The readable screen names the winner and the source it came from.
+TEST(Tdoc, DiscoverScreenNamesWinnerAndSource) {
+  testkit::TempDir dir;
+  fs::copy_file(fs::u8path(tdoctest::ProgramDirectory()) / kModule, dir / kModule);
+  testkit::WriteFile(dir / "tpcsdk.config", R"({"env":"https://config.example.test","upd":"https://upd.example.test"})");
+  const Outcome o = RunTdoc({"--module", (dir / kModule).u8string(), "discover"});
+  ASSERT_EQ(o.exit, 0) << Describe(o);
+  EXPECT_NE(o.out.find("=> service host: https://config.example.test"), std::string::npos) << o.out;
+  EXPECT_NE(o.out.find("the host came from the configuration file (env)"), std::string::npos) << o.out;
+  EXPECT_NE(o.out.find("=> update host: https://upd.example.test"), std::string::npos) << o.out;
+  EXPECT_NE(o.out.find("no DNS look-up: the file exists"), std::string::npos) << o.out;
+}
+
+// ---- demo: the whole life cycle, and nothing left behind.
+
+TEST(Tdoc, DemoWalksTheLifeCycle) {
+  // Under wine the demo takes the native emulator named by TDOC_EMULATOR_URL.
+#ifdef _WIN32
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+#endif
+  const Outcome o = RunTdoc({"--json", "demo", "--message-wait", "3"}, 120000);
+  const Json::Value v = ParseJson(o.out);
+  const Json::Value& steps = v["steps"];
+  ASSERT_EQ(steps.size(), 9u) << Describe(o);
+  bool any_failed = false;
+  for (const Json::Value& s : steps) {
+    const std::string title = s["title"].asString(), status = s["status"].asString();
+    const bool may_be_missing = title.find("message") != std::string::npos || title.find("wrapper") != std::string::npos;
+    if (status == "FAILED") {
+      any_failed = true;
+      // The message step says so honestly when nothing came within its bound.
+      EXPECT_NE(title.find("message"), std::string::npos) << title << "\n" << o.out;
+    } else if (status == "unavailable") {
+      EXPECT_TRUE(may_be_missing) << title;
+    }
+  }
+  EXPECT_EQ(o.exit, any_failed ? 1 : 0) << Describe(o);
+  EXPECT_EQ(v["ok"].asBool(), !any_failed);
+  // Discovery found the emulator through the configuration file, and the client
+  // fetched the API directory from it.
+  EXPECT_EQ(steps[1]["status"].asString(), "ok") << o.out;
+  bool directory = false;
+  for (const Json::Value& w : steps[2]["wire"]) directory = directory || w.asString().find("tdocApi.json") != std::string::npos;
+  EXPECT_TRUE(directory) << o.out;
+  // The user check, the document and the usage record each went over the wire.
+  for (int i : {3, 4, 5}) EXPECT_GT(steps[i]["wire"].size(), 0u) << steps[i]["title"].asString();
+  // The working folder is gone.
+  const std::string said = steps[0]["said"][1].asString();
+  const std::string folder = said.substr(said.find(' ', said.find("folder")) + 1, said.find(" (") - said.find(' ', said.find("folder")) - 1);
+  EXPECT_FALSE(fs::exists(fs::u8path(folder))) << folder;
+}
+
+// ---- watch: messages as JSON lines until stopped.
+
+TEST(Tdoc, WatchStopsCleanly) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  const Outcome o = RunTdoc({"watch", "--host", emu->base_url(), "--token", "T1", "--seconds", "1"}, 60000);
+  if (o.exit == 12 && o.err.find("gave -2") != std::string::npos)
+    GTEST_SKIP() << "this module does not poll yet: " << o.err;
+  EXPECT_EQ(o.exit, 0) << Describe(o);
+  EXPECT_NE(o.err.find("watch stopped"), std::string::npos) << Describe(o);
+  // Every line on standard output is one JSON object.
+  std::istringstream lines(o.out);
+  for (std::string line; std::getline(lines, line);) EXPECT_TRUE(ParseJson(line).isObject()) << line;
+}
+
+#ifndef _WIN32
+TEST(Tdoc, WatchEndsOnInterrupt) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  tdoctest::Running watch("tdoc", {"watch", "--host", emu->base_url(), "--token", "T1"});
+  if (!watch.WaitForErr("watching", 30000)) {
+    const Outcome o = watch.Finish(30000);
+    if (o.exit == 12) GTEST_SKIP() << "this module does not poll yet: " << o.err;
+    FAIL() << Describe(o);
+  }
+  watch.Interrupt();
+  const Outcome o = watch.Finish(30000);
+  EXPECT_EQ(o.exit, 0) << Describe(o);
+  EXPECT_NE(o.err.find("watch stopped"), std::string::npos) << Describe(o);
+}
+#endif
+
+}  // namespace
