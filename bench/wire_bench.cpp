@@ -1,17 +1,27 @@
-// Round trips on loopback against an in-process emulator:
+// Round trips on loopback against the emulator (the one named by TDOC_EMULATOR_URL,
+// otherwise one inside this program):
 //   InitApiFromCache  - a new client whose directory comes from a fresh disk entry
-//   RequestJson       - one service call through the request frame
+//   RequestJson       - one GET through the request frame
 //   BareCurl          - the same GET with libcurl's easy interface
+//   UploadDocInfo     - one document record through the client interface's slot
+//   BareCurlPost      - the same POST (same target, headers and bytes) with one
+//                       reused easy handle
+// The Upload and BarePost pairs also run with eight threads: one client shared by
+// all of them against one easy handle per thread.
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "kit/emulator_client.h"
 #include "kit/testkit.h"
 #include "support/utf.h"
+#include "tpcsdk/ITetherdocServer.h"
 #include "web_service/tetherdoc_server.h"
 
 namespace {
@@ -19,10 +29,13 @@ namespace {
 using tpcsdk::TetherdocServer;
 
 testkit::EmulatorClient* Emulator() {
-  std::string why;
-  bool error = false;
-  testkit::EmulatorClient* emu = testkit::AcquireEmulator(&why, &error);
-  if (!emu) std::abort();
+  static testkit::EmulatorClient* emu = [] {
+    std::string why;
+    bool error = false;
+    testkit::EmulatorClient* e = testkit::AcquireEmulator(&why, &error);
+    if (!e) std::abort();
+    return e;
+  }();
   return emu;
 }
 
@@ -70,8 +83,103 @@ void BareCurl(benchmark::State& state) {
   curl_easy_cleanup(curl);
 }
 
+// ---- a document record through the slot, and the same bytes with bare curl ----------
+
+struct Wide {
+  explicit Wide(const char* s) : text(tpcsdk::Utf8ToUtf16(s)) {}
+  operator TDC_LPCWSTR() const { return reinterpret_cast<TDC_LPCWSTR>(text.c_str()); }
+  std::u16string text;
+};
+
+// A ready client shared by the upload benchmarks, and the request it sends, as the
+// emulator logged it, for the bare POST to repeat.
+struct Upload {
+  testkit::TempDir dir;
+  testkit::ScopedEnv appdata{"TPCSDK_APPDATA_DIR", dir.path().string()};
+  std::unique_ptr<TetherdocServer> client;
+  Wide app{"app-1"}, doc{"doc-1"}, name{"Report \xC3\xA9t\xC3\xA9.pdf"},
+      created{"2026-11-23 10:00:00"}, modified{"2026-11-23 11:00:00"}, token{"bench-token"};
+  TDC_DOC_INFO info{app, doc, name, created, modified, nullptr, nullptr, nullptr, nullptr, nullptr};
+  std::string url;
+  std::vector<std::string> headers;
+  std::string body;
+  bool ready = false;
+
+  Upload() {
+    testkit::EmulatorClient* emu = Emulator();
+    client = std::make_unique<TetherdocServer>("en-US", "Bench App", "1.0");
+    if (client->InitApi(tpcsdk::Utf8ToUtf16(emu->base_url()).c_str()) != 0) return;
+    ITetherdocServer* api = client.get();
+    if (api->SetAccessToken(token) != 0) return;
+    emu->ClearLog();
+    if (api->UploadDocInfo(&info) != 0) return;
+    const std::vector<testkit::LoggedRequest> sent = emu->Requests();
+    if (sent.size() != 1) return;
+    url = sent[0].listener + sent[0].target;
+    for (const auto& h : sent[0].headers) {
+      if (h.first == "Host" || h.first == "Content-Length") continue;
+      headers.push_back(h.first + ": " + h.second);
+    }
+    body = sent[0].body;
+    emu->ClearLog();
+    ready = true;
+  }
+};
+
+Upload& SharedUpload() {
+  static Upload* upload = new Upload;  // lives to the end of the program
+  return *upload;
+}
+
+void UploadDocInfo(benchmark::State& state) {
+  Upload& u = SharedUpload();
+  if (!u.ready) {
+    state.SkipWithError("set-up failed");
+    return;
+  }
+  ITetherdocServer* api = u.client.get();
+  for (auto _ : state) {
+    if (api->UploadDocInfo(&u.info) != 0) state.SkipWithError("upload failed");
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+void BareCurlPost(benchmark::State& state) {
+  Upload& u = SharedUpload();
+  if (!u.ready) {
+    state.SkipWithError("set-up failed");
+    return;
+  }
+  CURL* curl = curl_easy_init();
+  curl_slist* list = nullptr;
+  for (const auto& h : u.headers) list = curl_slist_append(list, h.c_str());
+  curl_easy_setopt(curl, CURLOPT_URL, u.url.c_str());
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, list);
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, u.body.data());
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(u.body.size()));
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Discard);
+  for (auto _ : state) {
+    if (curl_easy_perform(curl) != CURLE_OK) state.SkipWithError("curl failed");
+  }
+  curl_easy_cleanup(curl);
+  curl_slist_free_all(list);
+  state.SetItemsProcessed(state.iterations());
+}
+
+void Latency(benchmark::internal::Benchmark* b) {
+  b->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly(true)->UseRealTime();
+}
+void Throughput(benchmark::internal::Benchmark* b) {
+  b->Unit(benchmark::kMicrosecond)->Threads(8)->Repetitions(3)->ReportAggregatesOnly(true)
+      ->UseRealTime();
+}
+
 BENCHMARK(InitApiFromCache)->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly(true);
-BENCHMARK(RequestJson)->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly(true);
-BENCHMARK(BareCurl)->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(RequestJson)->Apply(Latency);
+BENCHMARK(BareCurl)->Apply(Latency);
+BENCHMARK(UploadDocInfo)->Apply(Latency);
+BENCHMARK(BareCurlPost)->Apply(Latency);
+BENCHMARK(UploadDocInfo)->Apply(Throughput);
+BENCHMARK(BareCurlPost)->Apply(Throughput);
 
 }  // namespace
