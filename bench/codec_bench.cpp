@@ -1,5 +1,6 @@
 // Base64 (both ways) and MD5 over 1 MiB of bytes, ours beside OpenSSL's libcrypto on
-// the same buffer.
+// the same buffer. Our text has a line break after every 76 characters; OpenSSL's block
+// functions take none, so each side decodes its own text of the same bytes.
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 
@@ -29,6 +30,20 @@ const std::string& Bytes() {
 const std::string& Text() {
   static const std::string text =
       tpcsdk::Base64Encode(Bytes().data(), static_cast<int32_t>(Bytes().size()));
+  return text;
+}
+
+// The same bytes without line breaks, which is what OpenSSL's block decoder reads.
+const std::string& PlainText() {
+  static const std::string text = [] {
+    const std::string& b = Bytes();
+    std::string t(4 * ((b.size() + 2) / 3) + 1, '\0');
+    const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(t.data()),
+                                  reinterpret_cast<const unsigned char*>(b.data()),
+                                  static_cast<int>(b.size()));
+    t.resize(static_cast<size_t>(n));
+    return t;
+  }();
   return text;
 }
 
@@ -68,12 +83,13 @@ void Base64DecodeOurs(benchmark::State& state) {
 }
 
 void Base64DecodeOpenssl(benchmark::State& state) {
-  const std::string& t = Text();
+  const std::string& t = PlainText();
   for (auto _ : state) {
     std::string b(3 * (t.size() / 4) + 3, '\0');
     const int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(b.data()),
                                   reinterpret_cast<const unsigned char*>(t.data()),
                                   static_cast<int>(t.size()));
+    if (n < 0) state.SkipWithError("OpenSSL refused the text");
     b.resize(n < 0 ? 0 : static_cast<size_t>(n));
     benchmark::DoNotOptimize(b.data());
   }

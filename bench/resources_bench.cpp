@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "kit/emulator_client.h"
+#include "bench_kit.h"
 #include "kit/testkit.h"
 #include "support/utf.h"
 #include "tpcsdk/ITetherdocServer.h"
@@ -23,6 +23,10 @@
 
 namespace {
 
+using benchkit::Emulator;
+using benchkit::EmulatorApart;
+using benchkit::ReplyToEveryDocument;
+using benchkit::Wide;
 using tpcsdk::TetherdocServer;
 
 long EnvNumber(const char* name, long fallback) {
@@ -30,14 +34,6 @@ long EnvNumber(const char* name, long fallback) {
   if (!v || !*v) return fallback;
   const long n = std::strtol(v, nullptr, 10);
   return n > 0 ? n : fallback;
-}
-
-testkit::EmulatorClient* Emulator() {
-  std::string why;
-  bool error = false;
-  testkit::EmulatorClient* emu = testkit::AcquireEmulator(&why, &error);
-  if (!emu) std::abort();
-  return emu;
 }
 
 double ProcessCpuSeconds() {
@@ -55,12 +51,7 @@ void IdlePollingWorker(benchmark::State& state) {
   testkit::TempDir dir;
   testkit::ScopedEnv appdata("TPCSDK_APPDATA_DIR", dir.path().string());
   testkit::EmulatorClient* emu = Emulator();
-  if (!std::getenv("TDOC_EMULATOR_URL")) {
-    state.SkipWithError("the emulator must run in another process");
-    for (auto _ : state) {
-    }
-    return;
-  }
+  if (!EmulatorApart()) return state.SkipWithError("the emulator must run in another process");
   const long seconds = EnvNumber("TPCSDK_BENCH_IDLE_SECONDS", 60);
   TetherdocServer client("en-US", "Bench App", "1.0");
   ITetherdocServer* api = &client;
@@ -78,22 +69,11 @@ void IdlePollingWorker(benchmark::State& state) {
   state.counters["cpu_percent"] = 100.0 * used / static_cast<double>(seconds);
 }
 
-struct Wide {
-  explicit Wide(const char* s) : text(tpcsdk::Utf8ToUtf16(s)) {}
-  operator TDC_LPCWSTR() const { return reinterpret_cast<TDC_LPCWSTR>(text.c_str()); }
-  std::u16string text;
-};
-
 void HeapOverCalls(benchmark::State& state) {
   testkit::TempDir dir;
   testkit::ScopedEnv appdata("TPCSDK_APPDATA_DIR", dir.path().string());
   testkit::EmulatorClient* emu = Emulator();
-  if (!std::getenv("TDOC_EMULATOR_URL")) {
-    state.SkipWithError("the emulator must run in another process");
-    for (auto _ : state) {
-    }
-    return;
-  }
+  if (!EmulatorApart()) return state.SkipWithError("the emulator must run in another process");
   const long calls = EnvNumber("TPCSDK_BENCH_CALLS", 100000);
   const std::u16string host = tpcsdk::Utf8ToUtf16(emu->base_url());
   Wide app{"app-1"}, doc{"doc-1"}, name{"Report.pdf"}, created{"2026-11-23 10:00:00"},
@@ -106,6 +86,7 @@ void HeapOverCalls(benchmark::State& state) {
       ITetherdocServer* api = &client;
       client.InitApi(host.c_str());
       api->SetAccessToken(token);
+      if (!ReplyToEveryDocument(emu)) state.SkipWithError("the emulator refused the reply");
       for (int i = 0; i < 1000; ++i) api->UploadDocInfo(&info);  // warm
       emu->ClearLog();
       const size_t before = HeapInUse();

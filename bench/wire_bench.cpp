@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "kit/emulator_client.h"
+#include "bench_kit.h"
 #include "kit/testkit.h"
 #include "support/utf.h"
 #include "tpcsdk/ITetherdocServer.h"
@@ -26,18 +26,10 @@
 
 namespace {
 
+using benchkit::Emulator;
+using benchkit::ReplyToEveryDocument;
+using benchkit::Wide;
 using tpcsdk::TetherdocServer;
-
-testkit::EmulatorClient* Emulator() {
-  static testkit::EmulatorClient* emu = [] {
-    std::string why;
-    bool error = false;
-    testkit::EmulatorClient* e = testkit::AcquireEmulator(&why, &error);
-    if (!e) std::abort();
-    return e;
-  }();
-  return emu;
-}
 
 void InitApiFromCache(benchmark::State& state) {
   testkit::TempDir dir;
@@ -85,12 +77,6 @@ void BareCurl(benchmark::State& state) {
 
 // ---- a document record through the slot, and the same bytes with bare curl ----------
 
-struct Wide {
-  explicit Wide(const char* s) : text(tpcsdk::Utf8ToUtf16(s)) {}
-  operator TDC_LPCWSTR() const { return reinterpret_cast<TDC_LPCWSTR>(text.c_str()); }
-  std::u16string text;
-};
-
 // A ready client shared by the upload benchmarks, and the request it sends, as the
 // emulator logged it, for the bare POST to repeat.
 struct Upload {
@@ -111,6 +97,7 @@ struct Upload {
     if (client->InitApi(tpcsdk::Utf8ToUtf16(emu->base_url()).c_str()) != 0) return;
     ITetherdocServer* api = client.get();
     if (api->SetAccessToken(token) != 0) return;
+    if (!ReplyToEveryDocument(emu)) return;
     emu->ClearLog();
     if (api->UploadDocInfo(&info) != 0) return;
     const std::vector<testkit::LoggedRequest> sent = emu->Requests();
