@@ -3,12 +3,13 @@
 # make demo   bootstrap, build the module, tdoc and the emulator (Linux), run tdoc demo
 # make build  build both platforms
 # make tsan   build Linux with ThreadSanitizer and run every test program under it
+# make bench  build the benchmarks (Release, native), run them all and print the table
 SHELL := /bin/bash
 JOBS  ?= $(shell nproc)
 B      = build
 GEN    = -G "Unix Makefiles"
 
-.PHONY: all bootstrap build linux windows asan tsan test demo clean
+.PHONY: all bootstrap build linux windows asan tsan test demo bench clean
 all: build
 
 bootstrap:
@@ -51,6 +52,11 @@ test: bootstrap
 	  scripts/run-tests.sh native $(B)/asan $(B)/results.txt
 	@scripts/run-tests.sh wine $(B)/win64 $(B)/results.txt $(B)/linux/bin/tdoc-emulator
 	@awk '{p+=$$1; f+=$$2} END {printf "%d passed, %d failed\n", p, f; exit (f > 0 || p == 0)}' $(B)/results.txt
+
+bench:
+	@cmake -S . -B $(B)/bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DTPCSDK_BENCH=ON >/dev/null
+	@cmake --build $(B)/bench -j$(JOBS) --target benchmarks
+	@scripts/bench-table.sh $(B)/bench
 
 clean:
 	rm -rf $(B)

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "os/posix/http_internal.h"
+#include "support/text.h"
 #include "support/utf.h"
 
 namespace tpcsdk::os {
@@ -547,8 +548,9 @@ bool HttpCloseHandle(HttpHandle handle) {
   return Guarded([&]() -> bool {
     std::shared_ptr<Handle> h = Unregister(handle);
     if (!h) return Fail(kHttpErrorInvalidHandle);
-    std::lock_guard<std::mutex> lock(h->core->mu);
+    std::unique_lock<std::mutex> lock(h->core->mu);
     h->closed_by_app = true;
+    if (CloseHere(h, lock)) return true;
     h->core->to_close.push_back(h);
     Wake(*h->core);
     return true;

@@ -11,6 +11,7 @@
 #include "os/http.h"
 #include "os/http_download.h"
 #include "os/posix/http_text.h"
+#include "support/text.h"
 #include "support/utf.h"
 
 namespace tpcsdk::os {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "os/posix/http_internal.h"
+#include "support/text.h"
 #include "support/utf.h"
 
 namespace tpcsdk::os::curlhttp {

@@ -13,7 +13,11 @@
 //   - Notifications are queued under the mutex and delivered on the event thread in
 //     queue order, so they never overlap and HANDLE_CLOSING, queued last for a handle,
 //     is delivered last. A queued notification is self-contained: delivery touches no
-//     handle state.
+//     handle state. Each handle counts its notifications not yet delivered.
+//   - The one delivery off the event thread: a request closed from another thread
+//     once its transfer has ended and all its notifications have been delivered has
+//     nothing left for the event thread to do, so its closing runs on the caller's
+//     thread at once (as WinHTTP may deliver HANDLE_CLOSING inside the close call).
 //   - Handles are ids in a process table; the table entry goes at HttpCloseHandle, the
 //     object when its HANDLE_CLOSING has been queued and nothing refers to it any more.
 #pragma once
@@ -87,7 +91,7 @@ enum class Kind { kSession, kConnect, kRequest };
 
 struct Core;
 
-struct Handle {
+struct Handle : std::enable_shared_from_this<Handle> {
   explicit Handle(Kind k) : kind(k) {}
   virtual ~Handle() = default;
   const Kind kind;
@@ -102,6 +106,7 @@ struct Handle {
   bool closed_by_app = false;
   bool freed = false;  // HANDLE_CLOSING queued
   int children = 0;
+  int undelivered = 0;  // notifications queued or being delivered
 };
 
 struct Session : Handle {
@@ -201,6 +206,9 @@ struct Note {
   uint32_t number = 0;
   HttpAsyncResult result{};
   std::u16string text;
+  // Whose count of undelivered notifications this one is in; touched only under the
+  // session's mutex, once the notification has been delivered.
+  std::shared_ptr<Handle> owner;
 };
 
 struct Core {
@@ -237,6 +245,12 @@ void NotifyNumber(Handle& h, uint32_t status, uint32_t number);
 void NotifyText(Handle& h, uint32_t status, std::string_view text);
 // Asks the event thread to look at the session again.
 void Wake(Core& core);
+// Closes a request the caller has just given up (closed_by_app set) on the calling
+// thread, HANDLE_CLOSING included, when nothing of it is left for the event thread:
+// its transfer has ended, no notification of it waits, and its parent stays open.
+// False when it is not so; then the event thread must close it. `lock` holds
+// core->mu; it is dropped while the notifications are delivered.
+bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& lock);
 // Starts the session's event thread (throws when no thread can be made).
 void StartSession(const std::shared_ptr<Core>& core);
 // Waits for every event thread to end; their sessions must be closing.

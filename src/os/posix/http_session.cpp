@@ -23,6 +23,8 @@ Note& Queue(Handle& h, uint32_t status) {
   n.handle = reinterpret_cast<HttpHandle>(h.id);
   n.context = h.context;
   n.status = status;
+  n.owner = h.shared_from_this();
+  h.undelivered++;
   h.core->notes.push_back(std::move(n));
   return h.core->notes.back();
 }
@@ -171,9 +173,9 @@ void Advance(Request& r) {
 // ---- closing (core->mu held) ------------------------------------------------------------
 
 // Queues HANDLE_CLOSING for a handle the caller has closed once nothing hangs below
-// it, and lets its parent follow.
-void MaybeFree(const std::shared_ptr<Handle>& h) {
-  if (!h || h->freed || !h->closed_by_app || h->children > 0) return;
+// it; true when it did. The parent is left to the caller.
+bool FreeOne(const std::shared_ptr<Handle>& h) {
+  if (!h || h->freed || !h->closed_by_app || h->children > 0) return false;
   h->freed = true;
   Core& core = *h->core;
   Notify(*h, kHttpStatusHandleClosing);
@@ -182,10 +184,29 @@ void MaybeFree(const std::shared_ptr<Handle>& h) {
     list.erase(std::remove(list.begin(), list.end(), h), list.end());
   }
   if (h->kind == Kind::kSession) core.finished = true;
-  if (h->parent) {
+  return true;
+}
+
+// FreeOne, and the parent follows when it was waiting only for this handle.
+void MaybeFree(const std::shared_ptr<Handle>& h) {
+  if (FreeOne(h) && h->parent) {
     h->parent->children--;
     MaybeFree(h->parent);
   }
+}
+
+// Notifications delivered (by whichever thread): their handles' counts go down.
+// core->mu held.
+void Delivered(std::deque<Note>& notes) {
+  for (Note& n : notes) n.owner->undelivered--;
+  notes.clear();
+}
+
+// A request closed by the caller gives up what is pending on it and the caller's buffer.
+void GiveUp(Request& r) {
+  FailPending(r, kHttpErrorOperationCancelled);
+  r.read_buffer = nullptr;
+  r.received.Clear();
 }
 
 // A closed request cancels what is pending on it and lets go of the caller's buffer.
@@ -196,9 +217,7 @@ void ProcessCloses(Core& core) {
     if (h->kind == Kind::kRequest) {
       Request& r = static_cast<Request&>(*h);
       EndTransfer(r);
-      FailPending(r, kHttpErrorOperationCancelled);
-      r.read_buffer = nullptr;
-      r.received.Clear();
+      GiveUp(r);
     }
     MaybeFree(h);
   }
@@ -246,9 +265,9 @@ void Loop(std::shared_ptr<Core> core) {
     notes.swap(core->notes);
     lock.unlock();
     for (Note& n : notes) Deliver(n);
-    notes.clear();
     requests.clear();
     lock.lock();
+    Delivered(notes);
     if (finish) break;
     if (core->dirty || !core->notes.empty() || !core->to_close.empty()) continue;
     long curl_ms = -1;
@@ -266,6 +285,7 @@ void Loop(std::shared_ptr<Core> core) {
   // Every handle below the session has been freed, so no transfer is left.
   for (const auto& r : core->requests) EndTransfer(*r);
   core->requests.clear();
+  core->notes.clear();  // they hold their handles, and the handles hold the session
   curl_multi_cleanup(core->multi);
   core->multi = nullptr;
   curl_share_cleanup(core->share);
@@ -304,6 +324,38 @@ void NotifyText(Handle& h, uint32_t status, std::string_view text) {
   Note& n = Queue(h, status);
   n.text = Utf8ToUtf16(text);
   n.length = static_cast<uint32_t>(n.text.size() + 1);
+}
+
+bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& lock) {
+  Core& core = *h->core;
+  if (h->kind != Kind::kRequest || h->freed || h->undelivered != 0) return false;
+  if (std::this_thread::get_id() == core.loop_thread || core.finished) return false;
+  Request& r = static_cast<Request&>(*h);
+  // curl's objects are the event thread's; a transfer under way is ended there.
+  if (r.hop.easy || (r.started && !r.done)) return false;
+  // What the close queues is taken aside; what others queued stays for the event thread.
+  std::deque<Note> mine;
+  mine.swap(core.notes);
+  GiveUp(r);
+  FreeOne(h);
+  mine.swap(core.notes);
+  if (!mine.empty()) {
+    lock.unlock();
+    for (Note& n : mine) Deliver(n);
+    lock.lock();
+    Delivered(mine);
+  }
+  // The parent learns of it only now, so its own closing cannot come before this one.
+  if (const std::shared_ptr<Handle> parent = h->parent) {
+    const size_t queued = core.notes.size();
+    parent->children--;
+    MaybeFree(parent);
+    if (core.notes.size() != queued || core.finished) {
+      core.dirty = true;
+      if (core.multi) curl_multi_wakeup(core.multi);
+    }
+  }
+  return true;
 }
 
 void Wake(Core& core) {

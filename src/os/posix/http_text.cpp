@@ -6,12 +6,11 @@
 #include <mutex>
 
 #include "os/http.h"
+#include "support/text.h"
 
 namespace tpcsdk::os::curlhttp {
 
 namespace {
-
-char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
 
 // Calls f(name, value) for each header line of a head (the status line skipped) until
 // f returns true.
@@ -32,14 +31,6 @@ void ForEachField(std::string_view head, F f) {
 }
 
 }  // namespace
-
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
-  }
-  return true;
-}
 
 std::string_view TrimBlanks(std::string_view s) {
   while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);

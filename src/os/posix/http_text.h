@@ -12,7 +12,6 @@
 
 namespace tpcsdk::os::curlhttp {
 
-bool EqualsNoCase(std::string_view a, std::string_view b);
 // Without blanks and tabs on both sides (and line ends at the back).
 std::string_view TrimBlanks(std::string_view s);
 

@@ -1,11 +1,12 @@
 // URL cracking with WinHttpCrackUrl's answers, and the user's proxy settings read from
 // the environment, for the Linux side of the HTTP seam.
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "os/http.h"
+#include "os/posix/environment.h"
+#include "support/text.h"
 #include "support/utf.h"
 
 namespace tpcsdk::os {
@@ -17,16 +18,6 @@ namespace {
 bool Fail(uint32_t error) {
   HttpSetLastErrorInternal(error);
   return false;
-}
-
-char16_t Lower(char16_t c) { return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c + 32) : c; }
-
-bool EqualsNoCase(std::u16string_view a, std::u16string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (Lower(a[i]) != Lower(b[i])) return false;
-  }
-  return true;
 }
 
 int HexValue(char16_t c) {
@@ -56,9 +47,9 @@ std::u16string Decode(std::u16string_view s) {
 }
 
 std::u16string FromEnv(const char* lower, const char* upper) {
-  const char* v = std::getenv(lower);
-  if (!v || !*v) v = std::getenv(upper);
-  return (v && *v) ? Utf8ToUtf16(v) : std::u16string();
+  std::string v = EnvValue(lower);
+  if (v.empty()) v = EnvValue(upper);
+  return Utf8ToUtf16(v);
 }
 
 }  // namespace
