@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <thread>
 
 
 namespace tpcsdk {
@@ -42,6 +43,8 @@ class CAsyncWinHttp {
   std::u16string ResponseText() const;
   std::u16string SecondText() const;
   int32_t StatusCode() const;
+  // The thread that made the object, the one that sends and then waits on it.
+  std::thread::id Owner() const { return m_owner; }
 
  private:
   ResultCallback m_pfnResult = nullptr;
@@ -49,6 +52,7 @@ class CAsyncWinHttp {
   WinHttpConnection* m_pConnection = nullptr;
   std::atomic<WinHttpRequest*> m_pRequest{nullptr};  // also read by observers of the list
   DiagnosticLog* m_pLog = nullptr;
+  const std::thread::id m_owner = std::this_thread::get_id();
 };
 
 }  // namespace tpcsdk
