@@ -553,6 +553,10 @@ TEST_P(StopHeldRound, EndsItPromptlyWithoutACallback) {
 
 INSTANTIATE_TEST_SUITE_P(Ways, StopHeldRound,
                          ::testing::Values(StopBy::kStopPolling, StopBy::kStopThread,
-                                           StopBy::kDestroy));
+                                           StopBy::kDestroy),
+                         [](const ::testing::TestParamInfo<StopBy>& info) {
+                           const char* names[] = {"StopPolling", "stopThread", "Destroy"};
+                           return std::string(names[static_cast<int>(info.param)]);
+                         });
 
 }  // namespace
