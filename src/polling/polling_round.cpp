@@ -89,14 +89,10 @@ TetherdocServer::Callbacks TetherdocServer::CurrentCallbacks() {
   return Callbacks{m_pfnMessage.load(), m_pfnError.load(), m_pUserData.load()};
 }
 
-bool TetherdocServer::RoundStopped() {
-  std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
-  return m_bRoundStopped;
-}
+bool TetherdocServer::RoundStopped() { return !m_pPullThread || !m_pPullThread->IsRunning(); }
 
 void TetherdocServer::StopPollingRound() {
   std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
-  m_bRoundStopped = true;
   if (m_roundThread == std::thread::id()) return;
   // As StopRequest does, for the round's requests only: the worker wakes in its
   // request and leaves through EndRequest, which deletes the object.
@@ -176,9 +172,10 @@ void TetherdocServer::Internet_Polling(const char* lpcsParameterList) {
   body["parameterList"] = parameters;
 
   // Until the round ends, this thread's requests are the round's, for StopPollingRound.
+  // A stop lowers the worker's running flag before it takes this lock to look.
   {
     std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
-    if (m_bRoundStopped) return;
+    if (RoundStopped()) return;
     m_roundThread = std::this_thread::get_id();
   }
   struct RoundEnd {

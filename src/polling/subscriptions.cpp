@@ -248,11 +248,6 @@ int TetherdocServer::StartPolling() {
   return Guarded(TDC_HRESULT_FAILED, [&]() -> int {
     CPullMsgThread& worker = *m_pPullThread;
     if (worker.IsRunning()) return TDC_HRESULT_FAILED;
-    {
-      // The last stop ended its round; the new worker's rounds go ahead.
-      std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
-      m_bRoundStopped = false;
-    }
     worker.m_nPollInterval = m_nMinimumPollingTime.load();
     worker.m_nMaxNoResult = m_nMaxPollingNotResultCount.load();
     return worker.Start() ? TDC_HRESULT_OK : TDC_HRESULT_FAILED;

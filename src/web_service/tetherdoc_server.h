@@ -176,8 +176,8 @@ class TetherdocServer final : public ITetherdocServer {
   int GetPollingConfig(const std::string& token);
   // One polling round with the worker's parameter list (a JSON array).
   void Internet_Polling(const char* lpcsParameterList);
-  // Ends a polling round in progress: closes its requests, and the round starts no
-  // new acknowledgement. The worker calls it when asked to stop; StartPolling lifts it.
+  // Ends a polling round in progress by closing its requests. The worker calls it
+  // when asked to stop; from then on the round acknowledges and reports nothing more.
   void StopPollingRound();
   // Turns one element of a polling reply into record; true when the record holds
   // something to act on. A control element sets the worker's interval instead.
@@ -248,7 +248,7 @@ class TetherdocServer final : public ITetherdocServer {
   void DeliverAcknowledged(const PullMsgRecord& record, int32_t msgType, int32_t code);
   // The interval rule of a control element's nextPollingTime.
   void ApplyNextPollingTime(CPullMsgThread& worker, int32_t seconds);
-  // True once StopPollingRound has ended the round.
+  // True once the worker has been asked to stop: its round goes no further.
   bool RoundStopped();
   std::recursive_mutex m_lockAppID;
   std::recursive_mutex m_lockUsers;
@@ -272,10 +272,9 @@ class TetherdocServer final : public ITetherdocServer {
   std::atomic<int32_t> m_nAppType{0};
   // message template id -> template object; never emptied while the client lives.
   std::map<std::string, Json::Value> m_mapTemplates;  // under m_lockTemplates
-  // The polling round in progress, both under m_lockRequests: the thread that runs it
-  // (none between rounds), and whether a stop has ended it.
+  // The thread of the polling round in progress (none between rounds), under
+  // m_lockRequests.
   std::thread::id m_roundThread;
-  bool m_bRoundStopped = false;
   // Built not running with the client; stopped first and freed by its destructor.
   std::unique_ptr<CPullMsgThread> m_pPullThread;
 };
