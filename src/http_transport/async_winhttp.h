@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace tpcsdk {
 
@@ -48,6 +49,8 @@ class CAsyncWinHttp {
   std::u16string ResponseText() const;
   std::u16string SecondText() const;
   int32_t StatusCode() const;
+  // The thread that made the object, the one that sends and then waits on it.
+  std::thread::id Owner() const { return m_owner; }
 
  private:
   WinHttpRequest* Request() const;
@@ -59,6 +62,7 @@ class CAsyncWinHttp {
   DiagnosticLog* m_pLog = nullptr;
   mutable std::mutex m_lock;  // the request pointer and the stopped flag
   bool m_bStopped = false;    // CloseRequest ran, perhaps before there was a request
+  const std::thread::id m_owner = std::this_thread::get_id();
 };
 
 }  // namespace tpcsdk

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <json/json.h>
@@ -24,6 +25,7 @@ class CAsyncWinHttp;
 class CPullMsgQueueManager;
 class CPullMsgThread;
 class DiagnosticLog;
+struct PullMsgRecord;
 struct UserRecord;
 struct DocumentRecord;
 
@@ -175,10 +177,34 @@ class TetherdocServer final : public ITetherdocServer {
   void Destroy(unsigned int flags) override;
 
   // ---- polling (worker, queue, subscriptions) ----
+  // Fetches the service's polling configuration for this client's application type
+  // (token may be empty). 0, -2, or the frame's result; on failure nothing changes.
+  int GetPollingConfig(const std::string& token);
   // One polling round with the worker's parameter list (a JSON array).
   void Internet_Polling(const char* lpcsParameterList);
-  // Ends a polling round in progress; the worker calls it when asked to stop.
+  // Ends a polling round in progress by closing its requests. The worker calls it
+  // when asked to stop; from then on the round acknowledges and reports nothing more.
   void StopPollingRound();
+  // Turns one element of a polling reply into record; true when the record holds
+  // something to act on. A control element sets the worker's interval instead.
+  bool DecodePollingElement(PullMsgRecord& record, const Json::Value& element,
+                            CPullMsgThread* worker);
+  // Acknowledges one message to the service. 0, -2, or the frame's result.
+  int UpdateMessage(const std::string& lpsUserToken, int32_t msgType,
+                    const std::string& lpsDataBaseID);
+  // Fetches the message templates (all of them when id is empty) into the cache.
+  // 0, -2, or the frame's result.
+  int Internet_InitMessageTemplate(const std::string& token, const std::string& id);
+  // A copy of a cached template, or null.
+  Json::Value GetMessageTemplate(const std::string& id);
+  void SetMessageTemplate(const std::string& id, const Json::Value& value);
+  // The deliveries of one decoded element, by type.
+  void DeliverUpdateMessages(const PullMsgRecord& record);
+  void DeliverCommonMessages(const PullMsgRecord& record);
+  void DeliverRequestFileMessages(const PullMsgRecord& record);
+  void DeliverHomepageMessages(const PullMsgRecord& record);
+  void DeliverShareViewMessages(const PullMsgRecord& record);
+  void DeliverUntreatedNotify(const PullMsgRecord& record);
   // Removes the first update subscription of the token. 0, or -2 when there is none.
   int UnSubscribeUpdateNotification(const char* token);
   // Asks the service once for the latest version of a document and hands it to the
@@ -221,6 +247,21 @@ class TetherdocServer final : public ITetherdocServer {
   friend class CPullMsgQueueManager;
   // Removes the first update subscription that matches: 0, or -2 when none does.
   int RemoveFirstUpdate(const std::function<bool(const UpdateSubscription&)>& matches);
+  // The host's callbacks, read together under the callback lock.
+  struct Callbacks {
+    TDC_MessageCallback onMessage = nullptr;
+    TDC_ErrorCallback onError = nullptr;
+    void* userData = nullptr;
+  };
+  Callbacks CurrentCallbacks();
+  // Hands one message to the host as compact JSON with the given code.
+  void DeliverMessage(int32_t code, const Json::Value& message);
+  // The acknowledged deliveries (types 102 to 109) share one shape.
+  void DeliverAcknowledged(const PullMsgRecord& record, int32_t msgType, int32_t code);
+  // The interval rule of a control element's nextPollingTime.
+  void ApplyNextPollingTime(CPullMsgThread& worker, int32_t seconds);
+  // True once the worker has been asked to stop: its round goes no further.
+  bool RoundStopped();
   std::recursive_mutex m_lockAppID;
   std::recursive_mutex m_lockUsers;
   std::recursive_mutex m_lockPollParams;
@@ -240,6 +281,12 @@ class TetherdocServer final : public ITetherdocServer {
   // The polling configuration that StartPolling hands to the worker.
   std::atomic<int32_t> m_nMinimumPollingTime{15};
   std::atomic<int32_t> m_nMaxPollingNotResultCount{250};
+  std::atomic<int32_t> m_nAppType{0};
+  // message template id -> template object; never emptied while the client lives.
+  std::map<std::string, Json::Value> m_mapTemplates;  // under m_lockTemplates
+  // The thread of the polling round in progress (none between rounds), under
+  // m_lockRequests.
+  std::thread::id m_roundThread;
   // Built not running with the client; stopped first and freed by its destructor.
   std::unique_ptr<CPullMsgThread> m_pPullThread;
 };
