@@ -27,11 +27,15 @@ const char kModule[] = "TPCSDK64.dll";
 const char kModule[] = "libtpcsdk.so";
 #endif
 
+// The JSON document on standard output. The module itself prints a "File size" line
+// for each file it downloads, so text before the document's first line is skipped.
 Json::Value ParseJson(const std::string& text) {
   Json::Value v;
   Json::CharReaderBuilder builder;
   std::string errors;
-  std::istringstream in(text);
+  const size_t start = text.rfind("\n{", text.find('{') == 0 ? 0 : std::string::npos);
+  std::istringstream in(text.find('{') == 0 || start == std::string::npos ? text
+                                                                        : text.substr(start + 1));
   EXPECT_TRUE(Json::parseFromStream(builder, in, &v, &errors)) << text;
   return v;
 }
