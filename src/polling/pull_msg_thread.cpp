@@ -17,7 +17,12 @@ class MonotonicPollClock final : public IPollClock {
   void WaitPass(CPullMsgThread& worker, uint32_t ms) override { worker.WaitPass(ms); }
 };
 
-MonotonicPollClock g_monotonicClock;
+// Made once and never destroyed: a client that ends while the process exits (the
+// module's end runs after static destructors) still stops its worker through it.
+IPollClock& MonotonicClock() {
+  static IPollClock* const clock = new MonotonicPollClock;
+  return *clock;
+}
 
 // 32-bit signed arithmetic that wraps as the machine's does.
 int32_t Wrap32(int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); }
@@ -27,7 +32,7 @@ int32_t Wrap32(int64_t value) { return static_cast<int32_t>(static_cast<uint32_t
 CPullMsgThread::CPullMsgThread(TetherdocServer* server)
     : m_pQueueManager(new CPullMsgQueueManager(server)),
       m_pServer(server),
-      m_pClock(&g_monotonicClock) {
+      m_pClock(&MonotonicClock()) {
   m_round.Run = [server](const std::string& list) { server->Internet_Polling(list.c_str()); };
   m_round.Cancel = [server] { server->StopPollingRound(); };
 }
@@ -40,7 +45,7 @@ CPullMsgThread::~CPullMsgThread() {
 }
 
 void CPullMsgThread::SetClock(IPollClock* clock) {
-  m_pClock = clock ? clock : &g_monotonicClock;
+  m_pClock = clock ? clock : &MonotonicClock();
 }
 
 void CPullMsgThread::SetRound(PollingRound round) { m_round = std::move(round); }

@@ -76,16 +76,16 @@ struct TetherdocServer::CallHold {
 };
 
 TetherdocServer::~TetherdocServer() {
+  // The worker reads the subscriber lists and calls the host: it ends first. Its stop
+  // closes the round's request, so a held round does not keep it.
+  if (m_pPullThread && m_pPullThread->IsRunning()) m_pPullThread->Stop();
+  m_pPullThread.reset();
   {
     // From here on a request that joins the list starts stopped.
     std::lock_guard<std::recursive_mutex> lock(m_lockRequests);
     m_bClosing = true;
   }
-  // Stopping every request frees the callers, the polling worker's round among them;
-  // then the worker, which reads the subscriber lists and calls the host, ends.
   StopRequest();
-  if (m_pPullThread && m_pPullThread->IsRunning()) m_pPullThread->Stop();
-  m_pPullThread.reset();
   // The stopped callers wake and leave through EndRequest; they still use this object.
   std::unique_lock<std::mutex> lock(m_lockCalls);
   m_callsEnded.wait(lock, [this] { return m_nCallsInFlight == 0; });
