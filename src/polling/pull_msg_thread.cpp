@@ -7,6 +7,8 @@
 #include "support/guard.h"
 #include "web_service/tetherdoc_server.h"
 
+#include <new>
+
 namespace tpcsdk {
 namespace {
 
@@ -17,10 +19,12 @@ class MonotonicPollClock final : public IPollClock {
   void WaitPass(CPullMsgThread& worker, uint32_t ms) override { worker.WaitPass(ms); }
 };
 
-// Made once and never destroyed: a client that ends while the process exits (the
-// module's end runs after static destructors) still stops its worker through it.
+// Built once in the module's own storage and never destroyed: a client that ends while
+// the process exits (the module's end runs after static destructors) still stops its
+// worker through it, and nothing is left on the heap when the module is unloaded.
 IPollClock& MonotonicClock() {
-  static IPollClock* const clock = new MonotonicPollClock;
+  alignas(MonotonicPollClock) static unsigned char storage[sizeof(MonotonicPollClock)];
+  static IPollClock* const clock = new (storage) MonotonicPollClock;
   return *clock;
 }
 
