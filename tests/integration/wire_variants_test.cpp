@@ -55,16 +55,10 @@ class WireCases : public ::testing::Test {
   static std::u16string Url(const std::string& base, const std::string& target) {
     return Utf8ToUtf16(base + target);
   }
-  // One scripted reply for `method` on `path`.
+  // A scripted reply for `method` on `path`, every time.
   static Json::Value Rule(const std::string& method, const std::string& path, int status,
                           const std::string& body) {
-    Json::Value rule;
-    rule["method"] = method;
-    rule["path"] = path;
-    rule["status"] = status;
-    rule["body"] = body;
-    rule["times"] = -1;
-    return rule;
+    return testkit::BodyRule(method, path, status, body, -1);
   }
 
   testkit::TempDir dir_;

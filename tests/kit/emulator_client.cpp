@@ -260,6 +260,17 @@ uint64_t EmulatorClient::Fault(const Json::Value& rule) {
   return Call("POST", "fault", rule, &out) ? out["id"].asUInt64() : 0;
 }
 
+Json::Value BodyRule(const std::string& method, const std::string& path, int status,
+                     const std::string& body, int times) {
+  Json::Value rule;
+  rule["method"] = method;
+  rule["path"] = path;
+  rule["status"] = status;
+  rule["body"] = body;
+  rule["times"] = times;
+  return rule;
+}
+
 uint64_t EmulatorClient::ScriptJson(const std::string& method, const std::string& path,
                                     const Json::Value& json, int status, int times) {
   Json::Value rule(Json::objectValue);

@@ -49,6 +49,11 @@ HttpResult HttpExchange(const std::string& base_url, const std::string& method,
                         const std::string& target, const std::string& body = "",
                         int timeout_ms = 30000);
 
+// A scripted reply (for EmulatorClient::Script): `times` replies of `status` with the
+// exact `body` text to `method` on `path` (-1: always).
+Json::Value BodyRule(const std::string& method, const std::string& path, int status,
+                     const std::string& body, int times = 1);
+
 class EmulatorClient {
  public:
   explicit EmulatorClient(std::string base_url);

@@ -91,13 +91,8 @@ class Ops : public ::testing::Test {
   std::vector<testkit::LoggedRequest> Sent() { return emu_->Requests(); }
   void Reply(const std::string& method, const std::string& path, int status,
              const std::string& body) {
-    Json::Value rule;
-    rule["method"] = method;
-    rule["path"] = path;
-    rule["status"] = status;
-    rule["body"] = body;
-    rule["times"] = -1;
-    ASSERT_NE(emu_->Script(rule), 0u) << emu_->last_error();
+    ASSERT_NE(emu_->Script(testkit::BodyRule(method, path, status, body, -1)), 0u)
+        << emu_->last_error();
   }
   std::string LogText() { return testkit::ReadFile(dir_.path() / "ops.log"); }
 
@@ -383,12 +378,7 @@ void RunReplyTable(testkit::EmulatorClient* emu, ITetherdocServer* api, const ch
   for (const ReplyCase& c : cases) {
     SCOPED_TRACE(std::to_string(c.status) + " " + c.body);
     emu->Reset();
-    Json::Value rule;
-    rule["method"] = method;
-    rule["path"] = path;
-    rule["status"] = c.status;
-    rule["body"] = c.body;
-    ASSERT_NE(emu->Script(rule), 0u);
+    ASSERT_NE(emu->Script(testkit::BodyRule(method, path, c.status, c.body)), 0u);
     char* out = g_textSentinel;
     EXPECT_EQ(call(api, &out), c.expected);
     if (c.out) {

@@ -129,13 +129,8 @@ class Rounds : public ::testing::Test {
   }
   void ReplyRaw(const std::string& method, const std::string& path, int status,
                 const std::string& body, int times = 1) {
-    Json::Value rule;
-    rule["method"] = method;
-    rule["path"] = path;
-    rule["status"] = status;
-    rule["body"] = body;
-    rule["times"] = times;
-    ASSERT_NE(emu_->Script(rule), 0u) << emu_->last_error();
+    ASSERT_NE(emu_->Script(testkit::BodyRule(method, path, status, body, times)), 0u)
+        << emu_->last_error();
   }
   std::string WithBase(const std::string& text) { return ReplaceAll(text, "{base}", base_); }
 
