@@ -1,8 +1,9 @@
 // Polling rounds against tdoc-emulator, through the client's slots and its worker on a
 // clock the test steps: each message type reaching the host's callback, once and after
-// its acknowledgement; control and malformed elements; token errors; the round's error
-// callback; the polling configuration and the interval's precedence; and a stop that
-// ends a round the service holds.
+// its acknowledgement, from scripted replies and from the emulator's message model;
+// control and malformed elements; token errors; the round's error callback; the polling
+// configuration and the interval's precedence; and a stop that ends a round the service
+// holds.
 #include <gtest/gtest.h>
 #include <json/json.h>
 
@@ -95,16 +96,33 @@ class Rounds : public ::testing::Test {
   // A ready client of emu, callbacks bound, "tok" subscribed, acknowledgements
   // accepted, the log cleared.
   void Start(testkit::EmulatorClient* emu) {
+    Connect(emu);
+    ASSERT_NE(emu->ScriptJson("PUT", kAckPath, J(R"({"ret":0,"message":"","returned":0,"data":[]})")),
+              0u);
+    ASSERT_TRUE(emu->ClearLog());
+  }
+  // A ready client of emu whose rounds, acknowledgements and templates the emulator's
+  // message model answers, nothing scripted: "tok" is a user of the service, subscribed
+  // with the application "app"; the template "t1" is known.
+  void StartWithModel(testkit::EmulatorClient* emu) {
+    ASSERT_TRUE(emu->SeedUser("u1", "tok", "u1@example.test")) << emu->last_error();
+    ASSERT_TRUE(emu->Seed("templates", J(R"({"_id":"t1","title":"T"})"))) << emu->last_error();
+    Connect(emu);
+    ASSERT_EQ(static_cast<ITetherdocServer*>(server_.get())->SubscribecAppID("app"), 0);
+    ASSERT_TRUE(emu->ClearLog());
+  }
+  void Connect(testkit::EmulatorClient* emu) {
     emu_ = emu;
     host_.emu = emu;
     base_ = emu->base_url();
     ASSERT_EQ(server_->InitApi(Utf8ToUtf16(base_).c_str()), TDC_HRESULT_OK);
     ITetherdocServer* api = server_.get();
     ASSERT_EQ(api->SetSubscribtionCallback(&OnMessage, &OnError, &host_), 0);
-    api->SubscribeUser("tok");
-    ASSERT_NE(emu->ScriptJson("PUT", kAckPath, J(R"({"ret":0,"message":"","returned":0,"data":[]})")),
-              0u);
-    ASSERT_TRUE(emu->ClearLog());
+    ASSERT_EQ(api->SubscribeUser("tok"), 0);
+  }
+  // Lets the worker go through every level of its cycle `cycles` times.
+  void Cycles(testkit::StepClock& clock, int cycles) {
+    for (int i = 0; i < cycles * tpcsdk::CPullMsgThread::kLevels; ++i) Round(clock);
   }
   tpcsdk::CPullMsgThread& worker() { return *server_->PollingWorker(); }
   void StartPolling(testkit::StepClock& clock) {
@@ -206,9 +224,7 @@ TEST_P(EachType, ReachesTheHostOnceAfterItsAcknowledgement) {
 #define MSG R"({"_id":"m1","body":"hi","messageTemplateId":"t1")"
 #define TEMPLATE R"("templateInfo":{"_id":"t1","title":"T"})"
 
-INSTANTIATE_TEST_SUITE_P(
-    Types, EachType,
-    ::testing::Values(
+const TypeCase kTypeCases[] = {
         TypeCase{"User", R"({"type":102,"token":"tok"})",
                  R"([{"_id":"m1","messageTemplateId":"t1","body":"hi"}])", 1001, 1, true,
                  MSG "," TEMPLATE R"(,"url":"{base}/message/view?id=m1&access-token=tok&al=en-US&cv=2.0.0.0&an=Polling Test&av=1.0"})"
@@ -231,11 +247,131 @@ INSTANTIATE_TEST_SUITE_P(
         TypeCase{"UntreatedCountGainsItsMember", R"({"type":110,"token":"tok"})",
                  R"({"count":2})", 1007, 0, false, "{\"count\":2,\"untreatedNotify\":null}\n"},
         TypeCase{"UntreatedCountAsSent", R"({"type":110,"token":"tok"})",
-                 R"({"untreatedNotify":4})", 1007, 0, false, "{\"untreatedNotify\":4}\n"}),
-    [](const ::testing::TestParamInfo<TypeCase>& info) { return std::string(info.param.name); });
+                 R"({"untreatedNotify":4})", 1007, 0, false, "{\"untreatedNotify\":4}\n"}};
+
+std::string TypeCaseName(const ::testing::TestParamInfo<TypeCase>& info) { return info.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(Types, EachType, ::testing::ValuesIn(kTypeCases), TypeCaseName);
 
 #undef MSG
 #undef TEMPLATE
+
+// The same messages posted to the emulator's message model, which answers the rounds,
+// the acknowledgements and the templates itself. The client never polls for type 103,
+// so that one cannot arrive this way.
+class EachTypeFromTheService : public Rounds, public ::testing::WithParamInterface<TypeCase> {};
+
+TEST_P(EachTypeFromTheService, ArrivesOnceAfterItsAcknowledgement) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  const TypeCase& c = GetParam();
+  StartWithModel(emu);
+  const Json::Value parameter = J(c.parameter), data = J(c.data);
+  Json::Value extra(Json::objectValue);
+  if (parameter.isMember("cAppID")) extra["cAppID"] = parameter["cAppID"];
+  ASSERT_TRUE(emu->QueueMessage("tok", parameter["type"].asInt(), data.isArray() ? data[0] : data, extra)
+                  .isObject())
+      << emu->last_error();
+  StartPolling(clock_);
+  Cycles(clock_, 2);  // a whole cycle carries every type; the second must bring nothing again
+
+  std::lock_guard<std::mutex> lock(host_.m);
+  ASSERT_EQ(host_.messages.size(), 1u);
+  const Host::Message& got = host_.messages[0];
+  EXPECT_EQ(got.code, c.code);
+  EXPECT_EQ(got.text, WithBase(c.delivered));
+  EXPECT_EQ(got.acksBefore, c.msgType ? 1u : 0u) << "delivered before its acknowledgement";
+  EXPECT_TRUE(host_.errors.empty());
+  EXPECT_EQ(emu->RequestsTo(kTemplatePath).size(), c.usesTemplates ? 1u : 0u);
+
+  // The service's own account: carried by one round, acknowledged once when the type
+  // is acknowledged, and no longer waiting.
+  const Json::Value inbox = emu->Inspect("inbox");
+  ASSERT_EQ(inbox["messages"].size(), 1u) << inbox;
+  const Json::Value& record = inbox["messages"][0];
+  EXPECT_EQ(record["deliveries"].asInt(), 1) << record;
+  EXPECT_EQ(record["acks"].asInt(), c.msgType ? 1 : 0) << record;
+  EXPECT_FALSE(record["pending"].asBool()) << record;
+  for (const Json::Value& ack : inbox["acks"]) EXPECT_EQ(ack["ret"].asInt(), 0) << ack;
+}
+
+std::vector<TypeCase> PolledTypeCases() {
+  std::vector<TypeCase> polled;
+  for (const TypeCase& c : kTypeCases)
+    if (J(c.parameter)["type"].asInt() != 103) polled.push_back(c);
+  return polled;
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, EachTypeFromTheService, ::testing::ValuesIn(PolledTypeCases()),
+                         TypeCaseName);
+
+TEST_F(Rounds, UpdatesFromTheServiceArriveOncePerNewVersion) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  StartWithModel(emu);
+  ASSERT_TRUE(emu->Seed("documents", J(R"({"cDocID":"doc"})"))) << emu->last_error();
+  ASSERT_TRUE(emu->Seed("versions", J(R"({"cDocID":"doc","cVersionID":"v1"})"))) << emu->last_error();
+  ASSERT_EQ(server_->SubscribeUpdateNotification("tok", "doc", "v1"), 0);
+  ASSERT_TRUE(emu->Seed("versions", J(R"({"cDocID":"doc","cVersionID":"v2"})"))) << emu->last_error();
+  StartPolling(clock_);
+  Cycles(clock_, 2);
+
+  const std::vector<std::string> texts = host_.Texts();
+  ASSERT_EQ(texts.size(), 1u);
+  const Json::Value update = J(texts[0]);
+  EXPECT_EQ(update["cDocID"], "doc");
+  EXPECT_EQ(update["cVersionID"], "v2");
+  EXPECT_EQ(update["cVersionIDLocal"], "v1");
+  EXPECT_EQ(update["token"], "tok");
+  EXPECT_EQ(host_.messages[0].code, 1003);
+  ASSERT_EQ(server_->SubscribedUpdates().size(), 1u);
+  EXPECT_EQ(server_->SubscribedUpdates()[0].latestVersion, "v2");
+}
+
+TEST_F(Rounds, ATokenTheServiceDoesNotKnowIsReportedOnceAndLeaves) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  StartWithModel(emu);
+  ASSERT_EQ(server_->SubscribeUser("ghost"), 0);
+  ASSERT_TRUE(emu->QueueMessage("tok", 102, J(R"({"_id":"m1"})")).isObject()) << emu->last_error();
+  StartPolling(clock_);
+  Cycles(clock_, 2);
+
+  EXPECT_EQ(server_->SubscribedUsers(), std::vector<std::string>{"tok"});
+  // The first round carries two parameters of the refused token, each answered with
+  // the code; none of the later rounds carries it.
+  const auto polls = emu->RequestsTo(kPollPath);
+  ASSERT_GE(polls.size(), 2u);
+  EXPECT_NE(polls[0].body.find("ghost"), std::string::npos) << polls[0].body;
+  for (size_t i = 1; i < polls.size(); ++i) EXPECT_EQ(polls[i].body.find("ghost"), std::string::npos) << polls[i].body;
+  std::lock_guard<std::mutex> lock(host_.m);
+  EXPECT_EQ(host_.errors, (std::vector<std::tuple<int32_t, std::string, std::string>>{
+                              {210007, "ghost", base_}, {210007, "ghost", base_}}));
+  ASSERT_EQ(host_.messages.size(), 1u) << "the known token's message still arrives";
+  EXPECT_EQ(J(host_.messages[0].text)["_id"], "m1");
+}
+
+TEST_F(Rounds, TheServicesConfigurationAndControlElementsSetTheInterval) {
+  TESTKIT_EMULATOR_OR_SKIP(emu);
+  StartWithModel(emu);
+  ASSERT_TRUE(emu->Call("POST", "polling/config",
+                        J(R"({"minimumPollingTime":2,"maxPollingNotResultCount":30})")))
+      << emu->last_error();
+  StartPolling(clock_);
+  ASSERT_EQ(server_->Internet_SetPollingConfig("tok", 4), 0);
+  EXPECT_EQ(worker().m_nPollInterval, 2);
+  EXPECT_EQ(worker().m_nMaxNoResult, 30);
+  ASSERT_EQ(emu->RequestsTo(kConfigPath).size(), 1u);
+  EXPECT_EQ(emu->RequestsTo(kConfigPath)[0].query, "appType=4&access-token=tok");
+
+  ASSERT_TRUE(emu->QueueNextPollingTime(60)) << emu->last_error();
+  Round(clock_);
+  EXPECT_EQ(worker().m_nPollInterval, 60);
+  EXPECT_EQ(worker().m_bServerInterval, 1);
+  ASSERT_TRUE(emu->QueueNextPollingTime(0)) << emu->last_error();
+  Round(clock_);
+  EXPECT_EQ(worker().m_nPollInterval, 2) << "0 gives the interval back to the configuration";
+  EXPECT_EQ(worker().m_bServerInterval, 0);
+  EXPECT_EQ(emu->RequestsTo(kPollPath).size(), 2u);
+  EXPECT_TRUE(host_.errors.empty());
+}
 
 // ---- document updates -----------------------------------------------------------------
 
