@@ -301,12 +301,18 @@ TEST(EmulatorLifecycle, StopEndsHeldConnections) {
   RawClient c(emulator.BaseUrl());
   ASSERT_TRUE(c.SendRequest("GET", "/svc"));
   ASSERT_TRUE(control.WaitForStalls(1));
+  // Inside another program the emulator is not ended from outside.
+  EXPECT_FALSE(control.Call("POST", "shutdown"));
   emulator.Stop();
   ASSERT_TRUE(c.ReadToEnd());
   EXPECT_EQ(c.data(), "");
 }
 
-TEST(EmulatorProgram, PrintsItsUrlServesAndStopsOnSigterm) {
+// The program ends cleanly on SIGTERM and on the control call that asks it to.
+class EmulatorProgram : public ::testing::TestWithParam<bool> {};
+
+TEST_P(EmulatorProgram, PrintsItsUrlServesAndStops) {
+  const bool by_control_call = GetParam();
   int out[2];
   ASSERT_EQ(pipe(out), 0);
   posix_spawn_file_actions_t actions;
@@ -335,12 +341,21 @@ TEST(EmulatorProgram, PrintsItsUrlServesAndStopsOnSigterm) {
   EXPECT_EQ(r.status, 200) << r.error;
   EXPECT_NE(r.body.find("\"tdc_users\":\"" + url + "/"), std::string::npos);
 
-  ASSERT_EQ(kill(pid, SIGTERM), 0);
+  if (by_control_call) {
+    EXPECT_EQ(testkit::HttpExchange(url, "POST", "/_emulator/shutdown", "{}").status, 200);
+  } else {
+    ASSERT_EQ(kill(pid, SIGTERM), 0);
+  }
   int status = -1;
   EXPECT_TRUE(testkit::WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; },
                                  std::chrono::seconds(10)));
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
+
+INSTANTIATE_TEST_SUITE_P(Ways, EmulatorProgram, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return std::string(info.param ? "ControlCall" : "Sigterm");
+                         });
 
 // The extra TLS listeners: the certificate is of the kind asked for, and the
 // listener serves and logs like the plain one.

@@ -7,6 +7,10 @@
 #include <memory>
 #include <sstream>
 
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
 #include "kit/emulator_client.h"
 #include "kit/testkit.h"
 #include "tdoc/run_process.h"
@@ -215,12 +219,64 @@ struct Source {
   const char* from;       // words of the explanation
 };
 
+#ifdef _WIN32
+// Puts a hive in the shape of the Linux registry files ({"key": {"name": "text"}}) into
+// the current user's registry, where tdoc, a child process, reads it, and takes away
+// every key it had to create. Under wine that registry is the test run's own prefix.
+class UserRegistryValues {
+ public:
+  explicit UserRegistryValues(const char* hive) {
+    const Json::Value v = ParseJson(hive);
+    for (const std::string& key : v.getMemberNames()) {
+      const std::wstring path = fs::u8path(key).wstring();
+      RememberFirstMissing(path);
+      HKEY h = nullptr;
+      if (RegCreateKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, &h, nullptr) !=
+          ERROR_SUCCESS) {
+        ADD_FAILURE() << "cannot create the registry key " << key;
+        continue;
+      }
+      for (const std::string& name : v[key].getMemberNames()) {
+        const std::wstring data = fs::u8path(v[key][name].asString()).wstring();
+        EXPECT_EQ(RegSetValueExW(h, fs::u8path(name).wstring().c_str(), 0, REG_SZ,
+                                 reinterpret_cast<const BYTE*>(data.c_str()),
+                                 static_cast<DWORD>((data.size() + 1) * sizeof(wchar_t))),
+                  ERROR_SUCCESS);
+      }
+      RegCloseKey(h);
+    }
+  }
+  ~UserRegistryValues() {
+    for (const std::wstring& key : created_) {
+      RegDeleteTreeW(HKEY_CURRENT_USER, key.c_str());  // what lies below
+      RegDeleteKeyW(HKEY_CURRENT_USER, key.c_str());   // and the key itself
+    }
+  }
+
+ private:
+  void RememberFirstMissing(const std::wstring& path) {
+    for (size_t end = path.find(L'\\');; end = path.find(L'\\', end + 1)) {
+      const std::wstring prefix = path.substr(0, end);
+      HKEY h = nullptr;
+      if (RegOpenKeyExW(HKEY_CURRENT_USER, prefix.c_str(), 0, KEY_READ, &h) != ERROR_SUCCESS) {
+        created_.push_back(prefix);
+        return;
+      }
+      RegCloseKey(h);
+      if (end == std::wstring::npos) return;
+    }
+  }
+  std::vector<std::wstring> created_;
+};
+#endif
+
 class DiscoverTest : public ::testing::TestWithParam<Source> {};
 
 TEST_P(DiscoverTest, TheFirstSourceThatNamesAHostWins) {
   const Source& c = GetParam();
 #ifdef _WIN32
-  if (c.user_hive) GTEST_SKIP() << "registry sources are set up through the registry files on Linux";
+  std::unique_ptr<UserRegistryValues> values;
+  if (c.user_hive) values = std::make_unique<UserRegistryValues>(c.user_hive);
 #endif
   testkit::TempDir dir;
   fs::create_directories(dir / "module");

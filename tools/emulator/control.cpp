@@ -227,6 +227,10 @@ Reply Dispatch(State* state, ControlHost* host, const Request& req, const Json::
     out["directory_keys"] = keys;
     return JsonReply(200, out);
   }
+  if (what == "shutdown" && m == "POST") {
+    if (!host->RequestShutdown()) return Error(403, "this emulator runs inside another program and is not ended from outside");
+    return Ok();
+  }
   if (what == "reset" && m == "POST") {
     state->Reset();
     return Ok();

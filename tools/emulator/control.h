@@ -17,6 +17,8 @@ class ControlHost {
   // Opens (or finds) an extra TLS listener with a certificate of that kind.
   virtual bool OpenTlsListener(CertKind kind, std::string* base, std::string* error) = 0;
   virtual Json::Value ListenersJson() = 0;
+  // Arranges for the program to end after this reply; false when it may not.
+  virtual bool RequestShutdown() = 0;
 };
 
 constexpr const char kControlPrefix[] = "/_emulator/";

@@ -5,6 +5,7 @@
 // process or as the tdoc-emulator program.
 #pragma once
 #include <memory>
+#include <functional>
 #include <string>
 
 namespace tpcsdk::emulator {
@@ -18,6 +19,10 @@ struct Options {
   std::string key_file;   // for kFiles, PEM
   bool verbose = false;   // one line per request on stderr
   std::string state_file;  // keeps the service model across runs; empty: memory only
+  // Called (once, on a connection's thread, after the reply has gone) when a client
+  // asks the emulator to end through POST /_emulator/shutdown; without it that call
+  // is refused, so an emulator inside another program cannot be ended from outside.
+  std::function<void()> on_shutdown;
 };
 
 class Emulator {

@@ -1,5 +1,6 @@
 // tdoc-emulator: runs the service emulator until SIGINT or SIGTERM.
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -93,6 +94,9 @@ int main(int argc, char** argv) {
   sigaddset(&stop, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
+  // A client may end the emulator through its control API, as a stop signal would:
+  // the main thread takes it below.
+  opt.on_shutdown = [] { kill(getpid(), SIGTERM); };
   tpcsdk::emulator::Emulator emulator;
   std::string error;
   if (!emulator.Start(opt, &error)) {

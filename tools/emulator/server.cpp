@@ -21,6 +21,7 @@
 #include <cstring>
 #include <list>
 #include <thread>
+#include <utility>
 
 #include "control.h"
 #include "emulator.h"
@@ -141,6 +142,7 @@ struct Emulator::Impl : ControlHost {
   int wake[2] = {-1, -1};
   bool stopping = false;
   bool started = false;
+  bool shutdown_requested = false;
   std::string base;
   int port = 0;
 
@@ -212,6 +214,18 @@ struct Emulator::Impl : ControlHost {
     }
     *out_base = l->base;
     return true;
+  }
+
+  bool RequestShutdown() override {
+    if (!opt.on_shutdown) return false;
+    std::lock_guard<std::mutex> lock(mu);
+    shutdown_requested = true;
+    return true;
+  }
+
+  bool TakeShutdownRequest() {
+    std::lock_guard<std::mutex> lock(mu);
+    return std::exchange(shutdown_requested, false);
   }
 
   Json::Value ListenersJson() override {
@@ -333,6 +347,7 @@ struct Emulator::Impl : ControlHost {
       After a;
       if (IsControlPath(req)) {
         a = Deliver(c, &io, req, HandleControl(&state, this, req), nullptr, keep);
+        if (TakeShutdownRequest()) opt.on_shutdown();
       } else {
         state.Log(&req);
         if (opt.verbose) {

@@ -39,6 +39,8 @@ const char kUserId[] = "demo-user";
 const char kEmail[] = "ann@demo.test";
 const char kAppId[] = "demo-app";
 const char kDocId[] = "demo-doc";
+const char kAppName[] = "tdoc demo";
+const char kAppVersion[] = "1.0";
 
 // The emulator the demo talks to, and its control API.
 class Emulator {
@@ -78,6 +80,9 @@ class Emulator {
     if (inprocess_) inprocess_->Stop();
     inprocess_.reset();
 #endif
+    // A child emulator is asked to end first: a native one started under wine is
+    // out of reach of the Windows process calls that end a child.
+    if (sys::ChildRunning(child_)) Control("POST", "shutdown", "{}");
     sys::StopChild(&child_);
   }
 
@@ -259,16 +264,26 @@ int RunDemo(Context& ctx, const DemoOptions& o) {
   const fs::path temp = MakeTempFolder();
   // Where a loaded module's file cannot be removed, the module is unloaded before
   // the folder goes; elsewhere it stays loaded until tdoc ends, as in a host.
+  // The module keeps the wrapper documents' update time under the application's
+  // key of the user's registry; the keys the demo made go again.
+  const std::string vendor_key = "SOFTWARE\\Tarvo Software";
+  const std::string app_key = vendor_key + "\\" + kAppName + " " + kAppVersion;
+  const std::string new_key = !sys::UserRegistryKeyExists(vendor_key) ? vendor_key
+                              : !sys::UserRegistryKeyExists(app_key) ? app_key
+                                                                     : std::string();
   struct Cleanup {
     Host& host;
     fs::path dir;
     bool keep;
+    std::string new_key;
     ~Cleanup() {
       if (sys::LoadedModuleFileIsLocked()) host.Unload();
       std::error_code ec;
-      if (!keep) fs::remove_all(dir, ec);
+      if (keep) return;
+      fs::remove_all(dir, ec);
+      if (!new_key.empty()) sys::DeleteUserRegistryKey(new_key);
     }
-  } cleanup{ctx.host, temp, o.keep};
+  } cleanup{ctx.host, temp, o.keep, new_key};
   const std::string source_module = ctx.module_path.empty()
                                         ? sys::ExecutableDirectory() + sys::PathSeparator() + sys::ModuleFileName()
                                         : ctx.module_path;
@@ -299,7 +314,7 @@ int RunDemo(Context& ctx, const DemoOptions& o) {
   ctx.module_path = module_copy.string();
   ctx.Load();
   IPDFPlatform* platform = ctx.host.platform();
-  const WString app = Wide("tdoc demo"), version = Wide("1.0"), no_user;
+  const WString app = Wide(kAppName), version = Wide(kAppVersion), no_user;
   std::string found;
   const char* names[] = {"policy (slot 7)", "last sign-in (slot 9)", "configuration file (slot 5)"};
   for (int slot = 0; slot < 3 && found.empty(); ++slot) {
@@ -322,7 +337,7 @@ int RunDemo(Context& ctx, const DemoOptions& o) {
   // 3. The client.
   step = &walk.Begin("Create the client (InitApi)");
   const WString host = Wide(url);
-  TDC_CLIENT_INFO info{"en-US", "", "tdoc demo", "1.0"};
+  TDC_CLIENT_INFO info{"en-US", "", kAppName, kAppVersion};
   TDC_LPWSTR domain = nullptr;
   const int init = ctx.host.Bounded("InitApi", ctx.timeout_ms(), [&] {
     return platform->InitApi(host.c_str(), &info, &domain);

@@ -60,6 +60,13 @@ bool ReadRegistryString(Hive hive, const std::string& key, const std::string& va
                         std::string* out);
 std::string DescribeHive(Hive hive);
 
+// Whether a key of the current user's registry exists, and its removal with all below
+// it. Used by the demo to leave the user's registry as it found it; on Linux the
+// library's registry files lie in the demo's own folder, so the first says false and
+// the second does nothing.
+bool UserRegistryKeyExists(const std::string& key);
+void DeleteUserRegistryKey(const std::string& key);
+
 // Starts the emulator program and reads its base URL from the first line it
 // prints; false with `error` set when it does not start or print within the bound.
 struct Child {
@@ -69,6 +76,8 @@ struct Child {
 bool StartEmulator(const std::string& program, int timeout_ms, Child* child, std::string* url,
                    std::string* error);
 void StopChild(Child* child);
+// True while a child started here has not been stopped.
+inline bool ChildRunning(const Child& child) { return child.id != 0; }
 
 // Copies a file; false when it cannot.
 bool CopyFileTo(const std::string& from, const std::string& to);

@@ -193,6 +193,9 @@ std::string DescribeHive(Hive hive) {
   return (hive == Hive::CurrentUser ? "current user (" : "local machine (") + HiveFile(hive) + ")";
 }
 
+bool UserRegistryKeyExists(const std::string&) { return false; }
+void DeleteUserRegistryKey(const std::string&) {}
+
 bool StartEmulator(const std::string& program, int timeout_ms, Child* child, std::string* url,
                    std::string* error) {
   int fds[2];

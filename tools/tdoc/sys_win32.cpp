@@ -94,15 +94,36 @@ void OnInterrupt(std::function<void()> handler) {
   SetConsoleCtrlHandler(CtrlHandler, TRUE);
 }
 
-HttpReply HttpExchange(const std::string& base_url, const std::string& method,
-                       const std::string& target, const std::string& body, int timeout_ms) {
-  HttpReply reply;
+bool SocketsReady() {
   static const bool ready = [] {
     WSADATA data;
     return WSAStartup(MAKEWORD(2, 2), &data) == 0;
   }();
+  return ready;
+}
+
+// A loopback port nobody listens on right now (0 when none can be had).
+int FreeLoopbackPort() {
+  if (!SocketsReady()) return 0;
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  if (s == INVALID_SOCKET) return 0;
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  int len = sizeof(a);
+  int port = 0;
+  if (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
+      getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) == 0)
+    port = ntohs(a.sin_port);
+  closesocket(s);
+  return port;
+}
+
+HttpReply HttpExchange(const std::string& base_url, const std::string& method,
+                       const std::string& target, const std::string& body, int timeout_ms) {
+  HttpReply reply;
   std::string host, port;
-  if (!ready || !SplitBaseUrl(base_url, &host, &port)) {
+  if (!SocketsReady() || !SplitBaseUrl(base_url, &host, &port)) {
     reply.error = "not a plain http://host:port URL: " + base_url;
     return reply;
   }
@@ -164,12 +185,29 @@ std::string DescribeHive(Hive hive) {
   return hive == Hive::CurrentUser ? "HKEY_CURRENT_USER" : "HKEY_LOCAL_MACHINE";
 }
 
+bool UserRegistryKeyExists(const std::string& key) {
+  HKEY h = nullptr;
+  if (RegOpenKeyExW(HKEY_CURRENT_USER, W(key).c_str(), 0, KEY_READ, &h) != ERROR_SUCCESS) return false;
+  RegCloseKey(h);
+  return true;
+}
+
+void DeleteUserRegistryKey(const std::string& key) {
+  RegDeleteTreeW(HKEY_CURRENT_USER, W(key).c_str());
+  RegDeleteKeyW(HKEY_CURRENT_USER, W(key).c_str());
+}
+
 bool StartEmulator(const std::string& program, int timeout_ms, Child* child, std::string* url,
                    std::string* error) {
+  // The port is chosen here, so the emulator can be found by asking it even where its
+  // first line cannot be read: under wine a native program does not write into a
+  // Windows pipe.
+  const int port = FreeLoopbackPort();
+  const std::string base = "http://127.0.0.1:" + std::to_string(port);
   SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
   HANDLE read_end = nullptr, write_end = nullptr;
-  if (!CreatePipe(&read_end, &write_end, &sa, 0)) {
-    *error = "CreatePipe failed";
+  if (port == 0 || !CreatePipe(&read_end, &write_end, &sa, 0)) {
+    *error = port == 0 ? "no free loopback port" : "CreatePipe failed";
     return false;
   }
   SetHandleInformation(read_end, HANDLE_FLAG_INHERIT, 0);
@@ -180,7 +218,7 @@ bool StartEmulator(const std::string& program, int timeout_ms, Child* child, std
   si.hStdError = GetStdHandle(STD_ERROR_HANDLE);
   si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
   PROCESS_INFORMATION pi{};
-  std::wstring cmd = L"\"" + W(program) + L"\" --port 0 --print-url";
+  std::wstring cmd = L"\"" + W(program) + L"\" --port " + W(std::to_string(port)) + L" --print-url";
   if (!CreateProcessW(nullptr, &cmd[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
     *error = "cannot start " + program + " (error " + std::to_string(GetLastError()) + ")";
     CloseHandle(read_end);
@@ -192,22 +230,29 @@ bool StartEmulator(const std::string& program, int timeout_ms, Child* child, std
   child->handle = pi.hProcess;
   child->id = pi.dwProcessId;
   std::string line;
+  bool pipe_open = true, answered = false;
   const ULONGLONG deadline = GetTickCount64() + static_cast<ULONGLONG>(timeout_ms);
-  while (line.find('\n') == std::string::npos && GetTickCount64() < deadline) {
+  while (line.find('\n') == std::string::npos && !answered && GetTickCount64() < deadline) {
     DWORD avail = 0;
-    if (!PeekNamedPipe(read_end, nullptr, 0, nullptr, &avail, nullptr)) break;
-    if (avail == 0) {
-      if (WaitForSingleObject(pi.hProcess, 50) == WAIT_OBJECT_0) break;
+    if (pipe_open && !PeekNamedPipe(read_end, nullptr, 0, nullptr, &avail, nullptr)) pipe_open = false;
+    if (avail > 0) {
+      char c[256];
+      DWORD n = 0;
+      if (ReadFile(read_end, c, avail < sizeof(c) ? avail : sizeof(c), &n, nullptr) && n > 0) line.append(c, n);
       continue;
     }
-    char c[256];
-    DWORD n = 0;
-    if (!ReadFile(read_end, c, avail < sizeof(c) ? avail : sizeof(c), &n, nullptr) || n == 0) break;
-    line.append(c, n);
+    if (!pipe_open || WaitForSingleObject(pi.hProcess, 50) == WAIT_OBJECT_0) {
+      answered = HttpExchange(base, "GET", "/_emulator/log?since=0", "", 500).status == 200;
+      if (!answered) Sleep(50);
+    }
   }
   CloseHandle(read_end);
+  if (answered) {
+    *url = base;
+    return true;
+  }
   if (line.find('\n') == std::string::npos) {
-    *error = "the emulator " + program + " did not print its URL";
+    *error = "the emulator " + program + " did not start listening on " + base;
     StopChild(child);
     return false;
   }
