@@ -72,7 +72,7 @@ void PrintOutcome(const Context& ctx, const std::string& command, int result, in
     out["result_name"] = ResultName(result);
     out["ms"] = static_cast<Json::Int64>(ms);
     for (const std::string& name : fields.getMemberNames()) out[name] = fields[name];
-    std::printf("%s\n", CompactJson(out).c_str());
+    std::fprintf(ctx.out, "%s\n", CompactJson(out).c_str());
     return;
   }
   std::printf("%s: %d (%s) in %lld ms\n", command.c_str(), result, ResultName(result),

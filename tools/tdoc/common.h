@@ -3,6 +3,7 @@
 #pragma once
 #include <json/json.h>
 
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <string>
@@ -19,6 +20,7 @@ struct Context {
   Host host;
   std::string module_path;  // --module; empty: the module beside tdoc
   bool json = false;        // --json
+  std::FILE* out = stdout;  // where the JSON goes (see sys::SetAsideStandardOutput)
   int timeout_s = 30;       // --timeout: bound of every call into the module
   // The chosen command, set while the arguments are parsed and run after.
   std::function<int()> run;

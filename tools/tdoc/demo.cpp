@@ -189,7 +189,7 @@ class Walk {
         for (const std::string& l : s.wire) v["wire"].append(l);
         out["steps"].append(v);
       }
-      std::printf("%s\n", CompactJson(out).c_str());
+      std::fprintf(ctx_.out, "%s\n", CompactJson(out).c_str());
     } else {
       std::printf("\n%zu steps: %zu ok, %d failed, %d unavailable in this module\n", steps_.size(),
                   steps_.size() - static_cast<size_t>(failed + unavailable), failed, unavailable);

@@ -235,7 +235,7 @@ int RunDiscover(Context& ctx, const DiscoverOptions& o) {
       out[key]["why"] = why(slots, w);
     }
     out["enterprise"] = enterprise == 1;
-    std::printf("%s\n", CompactJson(out).c_str());
+    std::fprintf(ctx.out, "%s\n", CompactJson(out).c_str());
     return kExitOk;
   }
 

@@ -72,10 +72,13 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "tdoc: no command given (see tdoc --help)\n");
       return tdoc::kExitUsage;
     }
+    if (ctx.json) ctx.out = tdoc::sys::SetAsideStandardOutput();
     const int code = ctx.run();
+    std::fflush(ctx.out);
     std::fflush(stdout);
     return code;
   } catch (const tdoc::Failure& f) {
+    std::fflush(ctx.out);
     std::fflush(stdout);
     std::fprintf(stderr, "tdoc: %s\n", f.message.c_str());
     return f.exit;

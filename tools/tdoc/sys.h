@@ -3,6 +3,7 @@
 // administrator reads it, and a child process. sys_posix.cpp and sys_win32.cpp
 // implement it; nothing else in the tool includes a system header.
 #pragma once
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -35,6 +36,12 @@ std::string LoadedModulePath(void* module);
 // Ends the process at once with `code`, without running the module's unload
 // code: used when a call into the module did not come back within its bound.
 [[noreturn]] void HardExit(int code);
+
+// Keeps standard output for tdoc's own JSON: gives a stream on the original
+// standard output and points the process's standard output at standard error, so
+// that what the module prints there itself (a line per downloaded file) cannot mix
+// into the document. Standard output stays as it is when this fails.
+std::FILE* SetAsideStandardOutput();
 
 std::string GetEnv(const char* name);
 void SetEnv(const char* name, const std::string& value);

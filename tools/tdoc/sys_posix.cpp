@@ -62,6 +62,18 @@ std::string LoadedModulePath(void* module) {
 
 void HardExit(int code) { _exit(code); }
 
+std::FILE* SetAsideStandardOutput() {
+  std::fflush(stdout);
+  const int kept = dup(STDOUT_FILENO);
+  if (kept < 0) return stdout;
+  std::FILE* out = fdopen(kept, "w");
+  if (!out || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+    if (out) std::fclose(out); else close(kept);
+    return stdout;
+  }
+  return out;
+}
+
 std::string GetEnv(const char* name) {
   const char* v = std::getenv(name);
   return v ? std::string(v) : std::string();

@@ -4,6 +4,8 @@
 #include <windows.h>
 #include <shellapi.h>
 
+#include <io.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
@@ -77,6 +79,19 @@ std::string LoadedModulePath(void* module) {
 }
 
 void HardExit(int code) { TerminateProcess(GetCurrentProcess(), static_cast<UINT>(code)); for (;;) {} }
+
+std::FILE* SetAsideStandardOutput() {
+  std::fflush(stdout);
+  const int kept = _dup(_fileno(stdout));
+  if (kept < 0) return stdout;
+  std::FILE* out = _fdopen(kept, "w");
+  if (!out || _dup2(_fileno(stderr), _fileno(stdout)) != 0) {
+    if (out) std::fclose(out); else _close(kept);
+    return stdout;
+  }
+  SetStdHandle(STD_OUTPUT_HANDLE, GetStdHandle(STD_ERROR_HANDLE));
+  return out;
+}
 
 std::string GetEnv(const char* name) {
   wchar_t buf[32768];

@@ -31,6 +31,7 @@ struct WatchState {
   std::condition_variable cv;
   int messages = 0;
   bool interrupted = false;
+  std::FILE* out = stdout;  // one JSON line per message
 };
 
 int OnMessage(int32_t code, PullMsgBuffer* message, const char* domain, void* user) {
@@ -43,8 +44,8 @@ int OnMessage(int32_t code, PullMsgBuffer* message, const char* domain, void* us
                                : std::string();
   line["message"] = JsonOrText(text);
   std::lock_guard<std::mutex> hold(state->m);
-  std::printf("%s\n", CompactJson(line).c_str());
-  std::fflush(stdout);
+  std::fprintf(state->out, "%s\n", CompactJson(line).c_str());
+  std::fflush(state->out);
   ++state->messages;
   state->cv.notify_all();
   return 0;
@@ -70,6 +71,10 @@ int RunWatch(Context& ctx, const WatchOptions& o) {
     state.interrupted = true;
     state.cv.notify_all();
   });
+  {
+    std::lock_guard<std::mutex> hold(state.m);
+    state.out = ctx.out;
+  }
   ITetherdocServer* client = Connect(ctx, o.client);
   const std::string& token = o.client.token;
   auto bounded = [&](const char* call, const std::function<int()>& fn) {
