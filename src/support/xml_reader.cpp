@@ -455,7 +455,12 @@ class XmlTreeBuilder {
         return;
       }
     }
-    attrs_.push_back(XmlAttribute{space, name, value});
+    // Member by member: the compiler's whole-record copy stores the views as words
+    // and reloads them as pairs, which stalls on every attribute.
+    XmlAttribute& added = attrs_.emplace_back();
+    added.space = space;
+    added.name = name;
+    added.value = value;
   }
 
   // Moves the attributes of the tag just read into the element, names copied.
