@@ -7,24 +7,21 @@ namespace {
 
 constexpr std::uint32_t kInit[4] = {0x67452301u, 0xefcdab89u, 0x98badcfeu, 0x10325476u};
 
-// Per-step left rotations, four per round.
-constexpr int kShift[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
-
-// floor(abs(sin(i + 1)) * 2^32).
-constexpr std::uint32_t kSine[64] = {
-    0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501,
-    0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821,
-    0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa, 0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8,
-    0x21e1cde6, 0xc33707d6, 0xf4d50d87, 0x455a14ed, 0xa9e3e905, 0xfcefa3f8, 0x676f02d9, 0x8d2a4c8a,
-    0xfffa3942, 0x8771f681, 0x6d9d6122, 0xfde5380c, 0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70,
-    0x289b7ec6, 0xeaa127fa, 0xd4ef3085, 0x04881d05, 0xd9d4d039, 0xe6db99e5, 0x1fa27cf8, 0xc4ac5665,
-    0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
-    0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391,
-};
-
 inline std::uint32_t Rotl(std::uint32_t x, int n) { return (x << n) | (x >> (32 - n)); }
 
-void Transform(std::uint32_t state[4], const std::uint8_t block[64]) {
+// The four round functions, in the forms with the fewest operations.
+inline std::uint32_t F(std::uint32_t b, std::uint32_t c, std::uint32_t d) { return d ^ (b & (c ^ d)); }
+inline std::uint32_t G(std::uint32_t b, std::uint32_t c, std::uint32_t d) { return c ^ (d & (b ^ c)); }
+inline std::uint32_t H(std::uint32_t b, std::uint32_t c, std::uint32_t d) { return b ^ c ^ d; }
+inline std::uint32_t I(std::uint32_t b, std::uint32_t c, std::uint32_t d) { return c ^ (b | ~d); }
+
+// One step: a = b + ((a + fn(b, c, d) + word + constant) <<< s).
+#define MD5_STEP(fn, a, b, c, d, word, constant, s) \
+  a = b + Rotl(a + fn(b, c, d) + (word) + (constant), s)
+
+// The 64 steps over one 64-byte block, written out so that every message index,
+// constant (floor(abs(sin(i + 1)) * 2^32)) and rotation is fixed at compile time.
+void Transform(std::uint32_t state[4], const std::uint8_t* block) {
   std::uint32_t m[16];
   for (int i = 0; i < 16; ++i) {
     m[i] = static_cast<std::uint32_t>(block[4 * i]) |
@@ -33,26 +30,82 @@ void Transform(std::uint32_t state[4], const std::uint8_t block[64]) {
            static_cast<std::uint32_t>(block[4 * i + 3]) << 24;
   }
   std::uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
-  for (int i = 0; i < 64; ++i) {
-    std::uint32_t f;
-    int g;
-    switch (i / 16) {
-      case 0: f = (b & c) | (~b & d); g = i; break;
-      case 1: f = (d & b) | (~d & c); g = (5 * i + 1) % 16; break;
-      case 2: f = b ^ c ^ d; g = (3 * i + 5) % 16; break;
-      default: f = c ^ (b | ~d); g = (7 * i) % 16; break;
-    }
-    const std::uint32_t next = b + Rotl(a + f + kSine[i] + m[g], kShift[i / 16][i % 4]);
-    a = d;
-    d = c;
-    c = b;
-    b = next;
-  }
+
+  MD5_STEP(F, a, b, c, d, m[0], 0xd76aa478, 7);
+  MD5_STEP(F, d, a, b, c, m[1], 0xe8c7b756, 12);
+  MD5_STEP(F, c, d, a, b, m[2], 0x242070db, 17);
+  MD5_STEP(F, b, c, d, a, m[3], 0xc1bdceee, 22);
+  MD5_STEP(F, a, b, c, d, m[4], 0xf57c0faf, 7);
+  MD5_STEP(F, d, a, b, c, m[5], 0x4787c62a, 12);
+  MD5_STEP(F, c, d, a, b, m[6], 0xa8304613, 17);
+  MD5_STEP(F, b, c, d, a, m[7], 0xfd469501, 22);
+  MD5_STEP(F, a, b, c, d, m[8], 0x698098d8, 7);
+  MD5_STEP(F, d, a, b, c, m[9], 0x8b44f7af, 12);
+  MD5_STEP(F, c, d, a, b, m[10], 0xffff5bb1, 17);
+  MD5_STEP(F, b, c, d, a, m[11], 0x895cd7be, 22);
+  MD5_STEP(F, a, b, c, d, m[12], 0x6b901122, 7);
+  MD5_STEP(F, d, a, b, c, m[13], 0xfd987193, 12);
+  MD5_STEP(F, c, d, a, b, m[14], 0xa679438e, 17);
+  MD5_STEP(F, b, c, d, a, m[15], 0x49b40821, 22);
+
+  MD5_STEP(G, a, b, c, d, m[1], 0xf61e2562, 5);
+  MD5_STEP(G, d, a, b, c, m[6], 0xc040b340, 9);
+  MD5_STEP(G, c, d, a, b, m[11], 0x265e5a51, 14);
+  MD5_STEP(G, b, c, d, a, m[0], 0xe9b6c7aa, 20);
+  MD5_STEP(G, a, b, c, d, m[5], 0xd62f105d, 5);
+  MD5_STEP(G, d, a, b, c, m[10], 0x02441453, 9);
+  MD5_STEP(G, c, d, a, b, m[15], 0xd8a1e681, 14);
+  MD5_STEP(G, b, c, d, a, m[4], 0xe7d3fbc8, 20);
+  MD5_STEP(G, a, b, c, d, m[9], 0x21e1cde6, 5);
+  MD5_STEP(G, d, a, b, c, m[14], 0xc33707d6, 9);
+  MD5_STEP(G, c, d, a, b, m[3], 0xf4d50d87, 14);
+  MD5_STEP(G, b, c, d, a, m[8], 0x455a14ed, 20);
+  MD5_STEP(G, a, b, c, d, m[13], 0xa9e3e905, 5);
+  MD5_STEP(G, d, a, b, c, m[2], 0xfcefa3f8, 9);
+  MD5_STEP(G, c, d, a, b, m[7], 0x676f02d9, 14);
+  MD5_STEP(G, b, c, d, a, m[12], 0x8d2a4c8a, 20);
+
+  MD5_STEP(H, a, b, c, d, m[5], 0xfffa3942, 4);
+  MD5_STEP(H, d, a, b, c, m[8], 0x8771f681, 11);
+  MD5_STEP(H, c, d, a, b, m[11], 0x6d9d6122, 16);
+  MD5_STEP(H, b, c, d, a, m[14], 0xfde5380c, 23);
+  MD5_STEP(H, a, b, c, d, m[1], 0xa4beea44, 4);
+  MD5_STEP(H, d, a, b, c, m[4], 0x4bdecfa9, 11);
+  MD5_STEP(H, c, d, a, b, m[7], 0xf6bb4b60, 16);
+  MD5_STEP(H, b, c, d, a, m[10], 0xbebfbc70, 23);
+  MD5_STEP(H, a, b, c, d, m[13], 0x289b7ec6, 4);
+  MD5_STEP(H, d, a, b, c, m[0], 0xeaa127fa, 11);
+  MD5_STEP(H, c, d, a, b, m[3], 0xd4ef3085, 16);
+  MD5_STEP(H, b, c, d, a, m[6], 0x04881d05, 23);
+  MD5_STEP(H, a, b, c, d, m[9], 0xd9d4d039, 4);
+  MD5_STEP(H, d, a, b, c, m[12], 0xe6db99e5, 11);
+  MD5_STEP(H, c, d, a, b, m[15], 0x1fa27cf8, 16);
+  MD5_STEP(H, b, c, d, a, m[2], 0xc4ac5665, 23);
+
+  MD5_STEP(I, a, b, c, d, m[0], 0xf4292244, 6);
+  MD5_STEP(I, d, a, b, c, m[7], 0x432aff97, 10);
+  MD5_STEP(I, c, d, a, b, m[14], 0xab9423a7, 15);
+  MD5_STEP(I, b, c, d, a, m[5], 0xfc93a039, 21);
+  MD5_STEP(I, a, b, c, d, m[12], 0x655b59c3, 6);
+  MD5_STEP(I, d, a, b, c, m[3], 0x8f0ccc92, 10);
+  MD5_STEP(I, c, d, a, b, m[10], 0xffeff47d, 15);
+  MD5_STEP(I, b, c, d, a, m[1], 0x85845dd1, 21);
+  MD5_STEP(I, a, b, c, d, m[8], 0x6fa87e4f, 6);
+  MD5_STEP(I, d, a, b, c, m[15], 0xfe2ce6e0, 10);
+  MD5_STEP(I, c, d, a, b, m[6], 0xa3014314, 15);
+  MD5_STEP(I, b, c, d, a, m[13], 0x4e0811a1, 21);
+  MD5_STEP(I, a, b, c, d, m[4], 0xf7537e82, 6);
+  MD5_STEP(I, d, a, b, c, m[11], 0xbd3af235, 10);
+  MD5_STEP(I, c, d, a, b, m[2], 0x2ad7d2bb, 15);
+  MD5_STEP(I, b, c, d, a, m[9], 0xeb86d391, 21);
+
   state[0] += a;
   state[1] += b;
   state[2] += c;
   state[3] += d;
 }
+
+#undef MD5_STEP
 
 void Finish(Md5Context& ctx) {
   std::uint8_t length[8];
@@ -79,17 +132,19 @@ void Md5Update(Md5Context& context, const void* bytes, std::size_t length) {
   const auto* in = static_cast<const std::uint8_t*>(bytes);
   std::size_t used = static_cast<std::size_t>((context.bit_count >> 3) & 63);
   context.bit_count += static_cast<std::uint64_t>(length) << 3;
-  while (length > 0) {
+  // Fill a partly filled block first; whole blocks of the input are then read
+  // where they are, and the rest waits in the buffer.
+  if (used > 0) {
     const std::size_t take = length < 64 - used ? length : 64 - used;
     std::memcpy(context.buffer + used, in, take);
     used += take;
     in += take;
     length -= take;
-    if (used == 64) {
-      Transform(context.state, context.buffer);
-      used = 0;
-    }
+    if (used < 64) return;
+    Transform(context.state, context.buffer);
   }
+  for (; length >= 64; in += 64, length -= 64) Transform(context.state, in);
+  if (length > 0) std::memcpy(context.buffer, in, length);
 }
 
 std::string Md5HexDigest(Md5Context& context) {

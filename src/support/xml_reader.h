@@ -10,49 +10,54 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 namespace tpcsdk {
 
+// The tree's strings are views into storage that the root element owns: they stay
+// valid while the root lives, and no longer.
+
 // A run of text inside an element; cdata is set for the body of a CDATA section.
 struct XmlContent {
   bool cdata = false;
-  std::u16string text;
+  std::u16string_view text;
 };
 
 // One attribute: the name space is what stood before the last ":" of its name.
 struct XmlAttribute {
-  std::string space;
-  std::string name;
-  std::u16string value;
+  std::string_view space;
+  std::string_view name;
+  std::u16string_view value;
 };
 
-// An element of the parsed tree. It owns its attributes, text runs and children;
-// destroying it destroys all of them.
+class XmlArena;
+class XmlTreeBuilder;
+
+// An element of the parsed tree. The root returned by ParseXmlBuffer owns the whole
+// tree (every element, attribute and text run below it); destroying it destroys all
+// of them. Elements are built only by the reader.
 class XmlElement {
  public:
   // The kinds of the entries of the content array.
   enum ContentKind { kElement = 1, kText = 2 };
 
-  XmlElement(XmlElement* parent, std::string space, std::string name);
   ~XmlElement();
   XmlElement(const XmlElement&) = delete;
   XmlElement& operator=(const XmlElement&) = delete;
 
   XmlElement* GetParent() const { return parent_; }
-  const std::string& GetTagSpace() const { return space_; }
-  const std::string& GetTagName() const { return name_; }
+  std::string_view GetTagSpace() const { return space_; }
+  std::string_view GetTagName() const { return name_; }
 
   // Entries of the content array: child elements and text runs, in document order.
-  size_t CountChildren() const { return content_.size(); }
+  size_t CountChildren() const { return content_count_; }
   ContentKind GetChildKind(size_t index) const;
   // The child element at index; null for a text run or an index out of range.
   XmlElement* GetElement(size_t index) const;
   // The text run at index; null for an element or an index out of range.
   const XmlContent* GetContent(size_t index) const;
 
-  size_t CountAttrs() const { return attrs_.size(); }
+  size_t CountAttrs() const { return attr_count_; }
   const XmlAttribute& GetAttr(size_t index) const { return attrs_[index]; }
   // Attribute look-up by name, exactly as written ("space:name" or "name");
   // names compare with case.
@@ -61,21 +66,25 @@ class XmlElement {
   // leaves out alone otherwise.
   bool GetAttrValue(std::string_view qname, std::u16string& out) const;
 
-  // Building the tree. An attribute with the space and name of an existing one
-  // replaces its value.
-  void SetAttr(std::string space, std::string name, std::u16string value);
-  void AppendChild(std::unique_ptr<XmlElement> child);
-  void AppendContent(std::unique_ptr<XmlContent> content);
+  // One entry of the content array: exactly one of the two is set.
+  struct Entry {
+    XmlElement* element;
+    const XmlContent* content;
+  };
 
  private:
+  friend class XmlTreeBuilder;
+  XmlElement(XmlElement* parent, std::string_view space, std::string_view name);
   const XmlAttribute* FindAttr(std::string_view qname) const;
 
-  using Entry = std::variant<std::unique_ptr<XmlElement>, std::unique_ptr<XmlContent>>;
   XmlElement* parent_;
-  std::string space_;
-  std::string name_;
-  std::vector<XmlAttribute> attrs_;
-  std::vector<Entry> content_;
+  std::string_view space_;
+  std::string_view name_;
+  const XmlAttribute* attrs_ = nullptr;
+  size_t attr_count_ = 0;
+  const Entry* content_ = nullptr;
+  size_t content_count_ = 0;
+  std::unique_ptr<XmlArena> arena_;  // the root's: the storage of the whole tree
 };
 
 // Parses size bytes at data into a tree and returns its root, or null when the

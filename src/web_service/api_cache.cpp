@@ -138,7 +138,7 @@ std::u16string ApiCache::CheckedEntryPath(std::u16string_view host) const {
   return path;
 }
 
-std::string ApiCache::GetCacheApi(std::u16string_view host) const {
+std::string ApiCache::GetCacheApi(std::u16string_view host, Json::Value* api_out) const {
   const std::u16string path = CheckedEntryPath(host);
   if (path.empty()) return std::string();
   std::FILE* file = os::OpenStdioFile(path, "r+", true);
@@ -181,6 +181,7 @@ std::string ApiCache::GetCacheApi(std::u16string_view host) const {
   if (!IsCacheFresh(cache_time, now_())) return reject();
 
   std::fclose(file);
+  if (api_out) *api_out = std::move(root["api"]);
   return api_text;
 }
 

@@ -19,6 +19,10 @@
 #include <string>
 #include <string_view>
 
+namespace Json {
+class Value;
+}
+
 namespace tpcsdk {
 
 class DiagnosticLog;
@@ -50,7 +54,9 @@ class ApiCache {
   // The compact text of the cached directory for this host URL (ending in a line
   // feed), or an empty string when there is no entry. An entry that is corrupt,
   // altered or 24 hours old is deleted and gives an empty string.
-  std::string GetCacheApi(std::u16string_view host) const;
+  // With `api` given, a found entry's directory is also handed over already parsed
+  // (the value the text reads as), so the caller need not read the text again.
+  std::string GetCacheApi(std::u16string_view host, Json::Value* api = nullptr) const;
 
   // Stores the directory text as the server gave it, with `cacheTime` added. On
   // failure nothing useful is stored and the cache folder's tdoc.dat marker file

@@ -113,7 +113,9 @@ int TetherdocServer::InitApi(const char16_t* host) {
     std::lock_guard<std::recursive_mutex> lock(m_lockInitApi);
     int nStatus = 0;
     const ApiCache cache(m_an, m_pLog);
-    std::string text = cache.GetCacheApi(wsHost);
+    // A cache entry comes back parsed as well as in text: the text is only logged.
+    Json::Value root;
+    std::string text = cache.GetCacheApi(wsHost, &root);
     const bool fromCache = !text.empty();
     if (fromCache) {
       if (m_pLog) {
@@ -143,9 +145,8 @@ int TetherdocServer::InitApi(const char16_t* host) {
     };
     if (!fromCache && nStatus != 200) return fail();
 
-    Json::Value root;
     Json::Reader reader;
-    if (!reader.parse(text, root)) {
+    if (!fromCache && !reader.parse(text, root)) {
       if (m_pLog)
         m_pLog->Write("TetherdocServer::InitApi.  Parser URL Failed Host = %s", U8(wsHost).c_str());
       m_nApiReady = 0;
@@ -208,7 +209,7 @@ void TetherdocServer::LoadApiTable(const std::u16string& prefix, const Json::Val
     const Json::Value& member = *it;
     // A member that is not a string has no URL to give.
     const std::string url = member.isConvertibleTo(Json::stringValue) ? member.asString() : "";
-    SetApiUrl(prefix + u"@" + Utf8ToUtf16(it.name()), Utf8ToUtf16(url));
+    m_mapApi[prefix + u"@" + Utf8ToUtf16(it.name())] = Utf8ToUtf16(url);
   }
 }
 

@@ -249,7 +249,7 @@ TEST(PolicyTemplates, AreWellFormedAndNameExactlyTheValuesTheModuleReads) {
     }
     for (const XmlElement* element : Children(Child(policy, "elements"), "")) {
       const std::string own_key = Attr(element, "key").empty() ? key : Attr(element, "key");
-      const std::string& tag = element->GetTagName();
+      const std::string tag(element->GetTagName());
       if (tag == "text") {
         name(own_key, Attr(element, "valueName"), "text");
       } else if (tag == "decimal") {

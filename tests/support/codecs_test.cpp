@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <string>
@@ -156,6 +157,47 @@ INSTANTIATE_TEST_SUITE_P(
         // A group cut short by the length reads NUL for its missing characters.
         Base64Case{std::string("A\0\0", 3), "QQ"}, Base64Case{std::string("d\0\0", 3), "Z"},
         Base64Case{"", ""}, Base64Case{"", "====\r\n"}));
+
+// The decoder's whole-group fast path against the one-step-at-a-time reading it
+// shortcuts, on texts mixing alphabet characters, padding, line breaks and junk in
+// every position and length.
+std::string DecodeStepwise(const std::string& text) {
+  const auto value = [](unsigned char c) -> int {
+    const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const char* hit = c ? std::strchr(alphabet, c) : nullptr;
+    return hit ? static_cast<int>(hit - alphabet) : -1;
+  };
+  const auto bits = [&](unsigned char c) { return value(c) < 0 ? 0u : static_cast<unsigned>(value(c)); };
+  const auto at = [&](size_t i) -> unsigned char { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0; };
+  std::string out;
+  for (size_t count = 0, pos = 0; count < text.size();) {
+    if (value(at(pos)) < 0) {
+      ++pos, ++count;
+      continue;
+    }
+    const unsigned a = bits(at(pos)), b = bits(at(pos + 1));
+    pos += 2;
+    out += static_cast<char>((a << 2) | (b >> 4));
+    if (at(pos) != '=') {
+      const unsigned c = bits(at(pos++));
+      out += static_cast<char>(((b & 15) << 4) | (c >> 2));
+      if (at(pos) != '=') out += static_cast<char>(((c & 3) << 6) | bits(at(pos++)));
+    }
+    count += 4;
+  }
+  return out;
+}
+
+TEST(Base64, DecodesLikeTheStepwiseReading) {
+  std::mt19937 rng(11);
+  const std::string pieces[] = {"QUJD", "Zm9v", "=", "==", "\r\n", "\n", "A", "+/", "*", std::string(1, '\0'), "\xC3"};
+  for (int round = 0; round < 3000; ++round) {
+    std::string text;
+    const int parts = static_cast<int>(rng() % 24);
+    for (int i = 0; i < parts; ++i) text += pieces[rng() % (sizeof pieces / sizeof pieces[0])];
+    ASSERT_EQ(DecodeExact(text), DecodeStepwise(text)) << ::testing::PrintToString(text);
+  }
+}
 
 TEST(Base64, RefusesNullAndNegativeLengths) {
   EXPECT_EQ(Base64Encode(nullptr, 5), "");

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,7 +15,7 @@ namespace {
 
 // A compact picture of a tree: name[attr=value,...]{child,"text",C"cdata"}; a
 // U+0000 in text shows as \0. Names carry their space as "space:name".
-std::string Text(const std::u16string& s) {
+std::string Text(std::u16string_view s) {
   std::string out;
   for (char c : tpcsdk::Utf16ToUtf8(s)) {
     if (c == 0)
@@ -25,12 +27,14 @@ std::string Text(const std::u16string& s) {
 }
 
 std::string Dump(const XmlElement& e) {
-  std::string out = e.GetTagSpace().empty() ? e.GetTagName() : e.GetTagSpace() + ":" + e.GetTagName();
+  std::string out(e.GetTagName());
+  if (!e.GetTagSpace().empty()) out = std::string(e.GetTagSpace()) + ":" + out;
   if (e.CountAttrs()) {
     out += "[";
     for (size_t i = 0; i < e.CountAttrs(); ++i) {
       const auto& a = e.GetAttr(i);
-      out += (i ? "," : "") + (a.space.empty() ? a.name : a.space + ":" + a.name) + "=" + Text(a.value);
+      out += (i ? "," : "") + (a.space.empty() ? std::string() : std::string(a.space) + ":") + std::string(a.name) +
+             "=" + Text(a.value);
     }
     out += "]";
   }
@@ -198,6 +202,44 @@ TEST(XmlElementOps, ChildrenAndAttributes) {
   EXPECT_TRUE(root->GetAttrValue("x:Text", v));
   EXPECT_EQ(v, u"t");
   EXPECT_EQ(ParseXmlBuffer(nullptr, 10, false, false), nullptr);
+}
+
+// Tags with many attributes: past the first few, a repeated name is found through
+// an index; it must still replace the value in place and keep other spaces apart.
+TEST(XmlAttributes, ManyWithRepeats) {
+  for (int n : {7, 8, 9, 40}) {
+    std::string doc = "<a";
+    std::string want = "a[";
+    for (int i = 0; i < n; ++i) {
+      doc += " k" + std::to_string(i) + "=\"" + std::to_string(i) + "\"";
+      want += (i ? ",k" : "k") + std::to_string(i) + "=" + (i % 3 == 0 ? "r" : std::to_string(i));
+    }
+    for (int i = 0; i < n; i += 3) doc += " k" + std::to_string(i) + "='r'";
+    doc += " x:k0=\"s\"/>";
+    want += ",x:k0=s]";
+    EXPECT_EQ(Parse(doc), want) << n;
+  }
+}
+
+// Runs far longer than the reader's first buffer, with entities and multi-byte
+// sequences at every offset, come out whole.
+TEST(XmlText, LongRunsKeepEveryUnit) {
+  std::string body, want;
+  for (int i = 0; i < 3000; ++i) {
+    body += i % 7 == 0 ? "&amp;" : i % 11 == 0 ? "\xC3\xA9" : i % 13 == 0 ? "&#x1F600;" : "x";
+    want += i % 7 == 0 ? "&" : i % 11 == 0 ? "\xC3\xA9" : i % 13 == 0 ? "\xF0\x9F\x98\x80" : "x";
+  }
+  EXPECT_EQ(Parse("<a v=\"" + body + "\">" + body + "</a>"), "a[v=" + want + "]{\"" + want + "\"}");
+}
+
+// The tree keeps its own copies: it reads the same after its input is gone.
+TEST(XmlElementOps, TreeOutlivesItsInput) {
+  auto buf = std::make_unique<std::string>("<p:r n:a=\"value one\"><c>text run</c><![CDATA[cd]]></p:r>");
+  auto root = ParseXmlBuffer(buf->data(), buf->size(), false, false);
+  std::fill(buf->begin(), buf->end(), '#');
+  buf.reset();
+  ASSERT_TRUE(root);
+  EXPECT_EQ(Dump(*root), "p:r[n:a=value one]{c{\"text run\"},C\"cd\"}");
 }
 
 // A preference-style document cut at every byte offset: each prefix parses to
