@@ -11,6 +11,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
@@ -282,10 +283,14 @@ bool HeaderText(const Request& r, uint32_t level, const char16_t* name, uint32_t
   }
 }
 
-// Hands a caller's call to the event thread as the request's pending operation.
+// Hands a caller's call to the event thread as the request's pending operation. A call
+// made on the event thread itself (from inside a notification) goes on at once; the
+// loop delivers what it queued as soon as the notification in progress returns.
 bool Begin(Request& r, Phase pending) {
   r.phase = pending;
-  Wake(*r.core);
+  Core& core = *r.core;
+  if (std::this_thread::get_id() == core.loop_thread && AdvanceNow(r)) return true;
+  Wake(core);
   return true;
 }
 

@@ -15,9 +15,10 @@
 //     is delivered last. A queued notification is self-contained: delivery touches no
 //     handle state. Each handle counts its notifications not yet delivered.
 //   - The one delivery off the event thread: a request closed from another thread
-//     once its transfer has ended and all its notifications have been delivered has
-//     nothing left for the event thread to do, so its closing runs on the caller's
-//     thread at once (as WinHTTP may deliver HANDLE_CLOSING inside the close call).
+//     once its transfer has ended and all its notifications have been delivered (or a
+//     connection with no request left) has nothing left for the event thread to do, so
+//     its closing runs on the caller's thread at once (as WinHTTP may deliver
+//     HANDLE_CLOSING inside the close call).
 //   - Handles are ids in a process table; the table entry goes at HttpCloseHandle, the
 //     object when its HANDLE_CLOSING has been queued and nothing refers to it any more.
 #pragma once
@@ -226,6 +227,8 @@ struct Core {
   CURLSH* share = nullptr;
   std::thread::id loop_thread;
   bool dirty = false;
+  bool polling = false;     // the loop waits in curl's poll: a wake-up must reach it
+  bool delivering = false;  // the loop delivers notifications, the lock dropped
   bool finished = false;  // the session's HANDLE_CLOSING is queued; the loop ends
   std::vector<std::shared_ptr<Request>> requests;
   std::vector<std::shared_ptr<Handle>> to_close;
@@ -245,9 +248,13 @@ void NotifyNumber(Handle& h, uint32_t status, uint32_t number);
 void NotifyText(Handle& h, uint32_t status, std::string_view text);
 // Asks the event thread to look at the session again.
 void Wake(Core& core);
-// Closes a request the caller has just given up (closed_by_app set) on the calling
-// thread, HANDLE_CLOSING included, when nothing of it is left for the event thread:
-// its transfer has ended, no notification of it waits, and its parent stays open.
+// On the event thread: moves the request on at once as far as what has arrived
+// allows; true when its pending operation has ended (its notification is queued).
+bool AdvanceNow(Request& r);
+// Closes a request or a connection the caller has just given up (closed_by_app set) on
+// the calling thread, HANDLE_CLOSING included, when nothing of it is left for the event
+// thread: a request's transfer has ended, a connection has no request left, and no
+// notification of it waits.
 // False when it is not so; then the event thread must close it. `lock` holds
 // core->mu; it is dropped while the notifications are delivered.
 bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& lock);

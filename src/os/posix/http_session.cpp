@@ -260,14 +260,22 @@ void Loop(std::shared_ptr<Core> core) {
     auto next = Clock::time_point::max();
     ApplyDeadlines(requests, now, &next);
     for (const auto& r : requests) Advance(*r);
-    const bool finish = core->finished;
-    std::deque<Note> notes;
-    notes.swap(core->notes);
-    lock.unlock();
-    for (Note& n : notes) Deliver(n);
-    requests.clear();
-    lock.lock();
-    Delivered(notes);
+    // The callbacks' own calls queue their notifications at once (see Begin), so the
+    // steps of an exchange whose bytes have all arrived go out in one pass, without a
+    // trip through curl between them. A close waits for the next pass.
+    bool finish = false;
+    do {
+      finish = core->finished;
+      std::deque<Note> notes;
+      notes.swap(core->notes);
+      core->delivering = true;
+      lock.unlock();
+      for (Note& n : notes) Deliver(n);
+      requests.clear();
+      lock.lock();
+      core->delivering = false;
+      Delivered(notes);
+    } while (!finish && !core->notes.empty() && core->to_close.empty());
     if (finish) break;
     if (core->dirty || !core->notes.empty() || !core->to_close.empty()) continue;
     long curl_ms = -1;
@@ -278,9 +286,13 @@ void Loop(std::shared_ptr<Core> core) {
           std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count() + 1;
       wait_ms = static_cast<int>(std::min<long long>(wait_ms, ms));
     }
+    // Only a loop that waits in the poll needs a wake-up; otherwise it sees `dirty`
+    // before it waits again.
+    core->polling = true;
     lock.unlock();
     curl_multi_poll(core->multi, nullptr, 0, wait_ms, nullptr);
     lock.lock();
+    core->polling = false;
   }
   // Every handle below the session has been freed, so no transfer is left.
   for (const auto& r : core->requests) EndTransfer(*r);
@@ -328,15 +340,22 @@ void NotifyText(Handle& h, uint32_t status, std::string_view text) {
 
 bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& lock) {
   Core& core = *h->core;
-  if (h->kind != Kind::kRequest || h->freed || h->undelivered != 0) return false;
+  if (h->kind == Kind::kSession || h->freed || h->undelivered != 0) return false;
   if (std::this_thread::get_id() == core.loop_thread || core.finished) return false;
-  Request& r = static_cast<Request&>(*h);
+  // A connection is closed here once its requests are gone, and when its closing is
+  // notified, only after theirs: no notification may wait or be on its way.
+  if (h->children != 0) return false;
+  if (h->kind == Kind::kConnect && Wants(*h, kHttpStatusHandleClosing) &&
+      (core.delivering || !core.notes.empty())) {
+    return false;
+  }
+  Request* r = h->kind == Kind::kRequest ? static_cast<Request*>(h.get()) : nullptr;
   // curl's objects are the event thread's; a transfer under way is ended there.
-  if (r.hop.easy || (r.started && !r.done)) return false;
+  if (r && (r->hop.easy || (r->started && !r->done))) return false;
   // What the close queues is taken aside; what others queued stays for the event thread.
   std::deque<Note> mine;
   mine.swap(core.notes);
-  GiveUp(r);
+  if (r) GiveUp(*r);
   FreeOne(h);
   mine.swap(core.notes);
   if (!mine.empty()) {
@@ -350,19 +369,22 @@ bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& l
     const size_t queued = core.notes.size();
     parent->children--;
     MaybeFree(parent);
-    if (core.notes.size() != queued || core.finished) {
-      core.dirty = true;
-      if (core.multi) curl_multi_wakeup(core.multi);
-    }
+    if (core.notes.size() != queued || core.finished) Wake(core);
   }
   return true;
 }
 
 void Wake(Core& core) {
   core.dirty = true;
-  if (std::this_thread::get_id() != core.loop_thread && core.multi && !core.finished) {
+  if (core.polling && core.multi && std::this_thread::get_id() != core.loop_thread) {
     curl_multi_wakeup(core.multi);
+    core.polling = false;  // one wake-up is enough
   }
+}
+
+bool AdvanceNow(Request& r) {
+  Advance(r);
+  return PendingCall(r.phase) == 0;
 }
 
 void StartSession(const std::shared_ptr<Core>& core) {
