@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "os/posix/http_internal.h"
 #include "support/text.h"
@@ -181,7 +182,7 @@ long TlsVersion(uint32_t protocols) {
 
 // Sets every option of the hop's easy handle; the first refusal is the result.
 CURLcode Configure(Request& r, CURL* e) {
-  Core& core = *r.core;
+  const Settings& core = *r.core->settings;
   Hop& hop = r.hop;
   void* self = static_cast<void*>(&r);
   // The request line carries the target byte for byte; the URL given to curl only
@@ -249,7 +250,13 @@ uint32_t StartHop(Request& r) {
   hop.t_start = hop.t_io = Clock::now();
   hop.url = hop.base + hop.target;
 
-  CURL* e = curl_easy_init();
+  // A sender's lane sets its last easy handle up afresh: its buffers are ready.
+  CURL* e = std::exchange(r.core->spare, nullptr);
+  if (e) {
+    curl_easy_reset(e);
+  } else {
+    e = curl_easy_init();
+  }
   if (!e) return kHttpErrorNotEnoughMemory;
   const CURLcode configured = Configure(r, e);
   if (configured != CURLE_OK) {
@@ -341,7 +348,12 @@ void EndTransfer(Request& r) {
     r.request_bytes = static_cast<uint32_t>(sent);
   }
   curl_multi_remove_handle(r.core->multi, e);
-  curl_easy_cleanup(e);
+  Core& core = *r.core;
+  if (core.own && !core.spare) {
+    core.spare = e;
+  } else {
+    curl_easy_cleanup(e);
+  }
   r.hop.easy = nullptr;
   r.paused = false;
 }
