@@ -731,6 +731,8 @@ TEST_P(HttpSeamSenderDrivesClose, CloseFromAnotherThreadFreesTheSender) {
   if (driven) {
     EXPECT_TRUE(x.closing_delivered());  // the drive ended with the closing
   }
+  // wine's WinHTTP keeps the connection until the server ends it.
+  if (httptest::UnderWine()) release.Set();
   ASSERT_TRUE(x.WaitClosing());
   release.Set();
   x.ExpectClosedCleanly();
@@ -769,6 +771,7 @@ TEST(HttpSeamSenderDrives, ClosedBeforeTheDriveEndsCleanly) {
   ASSERT_TRUE(x.Send());
   x.CloseRequest();
   EXPECT_FALSE(x.Drive());
+  if (httptest::UnderWine()) release.Set();
   ASSERT_TRUE(x.WaitClosing());
   release.Set();
   x.ExpectClosedCleanly();

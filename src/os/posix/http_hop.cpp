@@ -304,7 +304,7 @@ bool AimAt(Hop& hop, const std::string& url) {
 }
 
 void FollowRedirect(Request& r) {
-  EndTransfer(r);
+  EndTransfer(r, !r.hop.secure);
   Hop& hop = r.hop;
   if (++r.redirects > kMaxRedirects) return FailTransfer(r, kHttpErrorRedirectFailed);
   const long status = hop.head.status;
@@ -340,7 +340,7 @@ uint32_t CertificateFailureFlags(CURL* easy, CURLcode code) {
 
 }  // namespace
 
-void EndTransfer(Request& r) {
+void EndTransfer(Request& r, bool reusable) {
   CURL* e = r.hop.easy;
   if (!e) return;
   long sent = 0;
@@ -348,8 +348,10 @@ void EndTransfer(Request& r) {
     r.request_bytes = static_cast<uint32_t>(sent);
   }
   curl_multi_remove_handle(r.core->multi, e);
+  // Only a handle whose plain transfer ran to its end is reset for the next: one left
+  // before it began, or one that spoke TLS, keeps state a reset does not give back.
   Core& core = *r.core;
-  if (core.own && !core.spare) {
+  if (reusable && core.own && !core.spare) {
     core.spare = e;
   } else {
     curl_easy_cleanup(e);
@@ -426,7 +428,7 @@ void OnTransferDone(Request& r, CURLcode code) {
   if (error == kHttpErrorSecureFailure) {
     NotifyNumber(r, kHttpStatusSecureFailure, CertificateFailureFlags(r.hop.easy, code));
   }
-  EndTransfer(r);
+  EndTransfer(r, code == CURLE_OK && !r.hop.secure);
   r.done = true;
   r.error = error ? error : r.headers_ready ? 0 : kHttpErrorInvalidServerResponse;
 }

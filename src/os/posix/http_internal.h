@@ -335,8 +335,9 @@ bool StartTransfer(Request& r);
 void ResumeIfDrained(Request& r);
 // Takes the transfer's end from libcurl: a redirect to follow, or the response's end.
 void OnTransferDone(Request& r, CURLcode code);
-// Ends the transfer early (cancelled, timed out).
-void EndTransfer(Request& r);
+// Ends the transfer (early: cancelled, timed out). `reusable`: it ran to its end, so a
+// sender's lane may keep its easy handle for the next hop.
+void EndTransfer(Request& r, bool reusable = false);
 void FailTransfer(Request& r, uint32_t error);
 // The deadline of the phase the transfer is in; false when none applies.
 bool Deadline(const Request& r, Clock::time_point* when);

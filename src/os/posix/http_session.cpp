@@ -467,12 +467,13 @@ void StartSession(const std::shared_ptr<Core>& core) {
     }
   }
   auto ended = std::make_shared<std::atomic<bool>>(false);
-  list.push_back({std::thread([core, ended] {
-                    pthread_setname_np(pthread_self(), kEventThreadName);
-                    Loop(core);
-                    ended->store(true);
-                  }),
-                  ended});
+  std::thread thread([core, ended] {
+    Loop(core);
+    ended->store(true);
+  });
+  // Named here, so that the thread shows its name as soon as the session is open.
+  pthread_setname_np(thread.native_handle(), kEventThreadName);
+  list.push_back({std::move(thread), ended});
 }
 
 void JoinSessions() {
