@@ -352,6 +352,10 @@ void EndTransfer(Request& r, bool reusable) {
   // before it began, or one that spoke TLS, keeps state a reset does not give back.
   Core& core = *r.core;
   if (reusable && core.own && !core.spare) {
+    // A reset forgets the list of cookie files without freeing it: the handle leaves
+    // the session's cookies and drops the list itself first.
+    curl_easy_setopt(e, CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
+    curl_easy_setopt(e, CURLOPT_COOKIEFILE, static_cast<char*>(nullptr));
     core.spare = e;
   } else {
     curl_easy_cleanup(e);

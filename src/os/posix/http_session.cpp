@@ -403,6 +403,9 @@ bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& l
     lock.lock();
     Delivered(mine);
   }
+  // A sender waiting in its lane's poll for a request that had nothing left to do
+  // (a body that never ends the exchange) looks again, and finds it closed.
+  if (core.own && core.driving) Wake(core);
   // The parent learns of it only now, so its own closing cannot come before this one.
   if (const std::shared_ptr<Handle> parent = h->parent) {
     if (parent->core != h->core) {
