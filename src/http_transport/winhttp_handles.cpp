@@ -103,7 +103,10 @@ bool WinHttpRequest::Open(WinHttpConnection* connection, const std::u16string& m
   m_pConnection = connection;
 
   const os::HttpUrlParts& parts = connection->Components();
-  const uint32_t flags = parts.scheme == os::kHttpSchemeHttps ? os::kHttpFlagSecure : 0;
+  // The sender waits for the exchange in HttpDriveUntil, so that where the backend
+  // can, it runs the exchange itself instead of handing each step to another thread.
+  const uint32_t flags = (parts.scheme == os::kHttpSchemeHttps ? os::kHttpFlagSecure : 0) |
+                         os::kHttpFlagSenderDrives;
   m_hHandle = os::HttpOpenRequest(connection->Handle(), method, parts.path + parts.extra, flags);
   bool ok = m_hHandle != nullptr;
   ok = ok && os::HttpSetStatusCallback(m_hHandle, &StatusCallback, os::kHttpAllNotifications);
@@ -119,6 +122,7 @@ bool WinHttpRequest::Open(WinHttpConnection* connection, const std::u16string& m
 }
 
 bool WinHttpRequest::Send(const std::u16string& headers, const std::string& body) {
+  os::HttpHandle sent = nullptr;
   {
     // Under the closing lock: a stop either lands before the send, which then never
     // goes out, or after it, when the closing waits for the client to let go.
@@ -131,11 +135,27 @@ bool WinHttpRequest::Send(const std::u16string& headers, const std::string& body
       ok = os::HttpSendRequest(m_hHandle, std::u16string_view(), body.data(), length, length,
                                reinterpret_cast<uintptr_t>(this));
       m_bContextGiven = ok;
+      if (ok) sent = m_hHandle;
     }
     if (!ok && os::HttpLastError() != 0) return false;
   }
+  // A close may come meanwhile: the handle then no longer names the request, and the
+  // drive gives up at once; the closing still completes the wait below.
+  if (sent) os::HttpDriveUntil(sent, &WinHttpRequest::Completed, this);
   m_completed.Wait();
+  // Memory ran out while the reply was gathered (on the sender's own thread when it
+  // drives the exchange): the call fails as any allocation in it would.
+  if (m_bOutOfMemory) throw std::bad_alloc();
   return true;
+}
+
+bool WinHttpRequest::Completed(void* self) {
+  return static_cast<WinHttpRequest*>(self)->m_bCompleted.load();
+}
+
+void WinHttpRequest::Complete() {
+  m_bCompleted = true;
+  m_completed.Set();
 }
 
 void WinHttpRequest::Close() {
@@ -147,7 +167,7 @@ void WinHttpRequest::Close() {
     // client, and then it frees the sender too. Without that nothing would ever
     // signal: there is nothing to wait for, and a sender is freed here.
     if (m_bContextGiven) m_closed.Wait();
-    else m_completed.Set();
+    else Complete();
     m_hHandle = nullptr;
   }
   FreeBuffers();
@@ -166,8 +186,20 @@ void WinHttpRequest::FreeBuffers() {
 }
 
 int32_t WinHttpRequest::OnCallback(uint32_t status, void* information, uint32_t length) {
+  // Nothing may leave a notification: memory running out ends the exchange, and the
+  // sender reports it.
+  try {
+    return HandleNotification(status, information, length);
+  } catch (const std::bad_alloc&) {
+    m_bOutOfMemory = true;
+    Complete();
+    return 0;
+  }
+}
+
+int32_t WinHttpRequest::HandleNotification(uint32_t status, void* information, uint32_t length) {
   if (status == os::kHttpStatusHandleClosing) {
-    m_completed.Set();
+    Complete();
     m_closed.Set();  // the last touch of this object by the client's thread
     return 0;
   }
@@ -195,7 +227,7 @@ int32_t WinHttpRequest::OnCallback(uint32_t status, void* information, uint32_t 
       if (length == 0) {
         delete[] m_pPendingPiece;
         m_pPendingPiece = nullptr;
-        m_completed.Set();
+        Complete();
       } else {
         GatherChunk(static_cast<char*>(information), length);
       }
@@ -206,7 +238,7 @@ int32_t WinHttpRequest::OnCallback(uint32_t status, void* information, uint32_t 
         m_pLog->Write("WinHttpRequest::OnCallback. Request error. Result Code = %08X, Error Code = %08X",
                       static_cast<unsigned>(result->call), result->error);
       }
-      m_completed.Set();
+      Complete();
       break;
     }
     default:
@@ -254,7 +286,7 @@ int32_t WinHttpRequest::QueryData() {
 
 void WinHttpRequest::ReadChunk() {
   char* piece = new (std::nothrow) char[m_nChunkSize + 1];
-  if (!piece) return;
+  if (!piece) throw std::bad_alloc();
   std::memset(piece, 0, m_nChunkSize + 1);
   m_pPendingPiece = piece;
   if (!os::HttpReadData(m_hHandle, piece, m_nChunkSize)) {
@@ -281,7 +313,7 @@ void WinHttpRequest::FinishBody() {
   const size_t end = m_readBuffer.find('\0');
   m_wsResponse = Utf8ToUtf16(std::string_view(m_readBuffer).substr(0, end));
   m_readBuffer.clear();
-  m_completed.Set();
+  Complete();
 }
 
 }  // namespace tpcsdk

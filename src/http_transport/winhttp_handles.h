@@ -83,12 +83,16 @@ class WinHttpRequest final : public WinHttpHandle {
   void SetLog(DiagnosticLog* log) { m_pLog = log; }
 
  private:
+  int32_t HandleNotification(uint32_t status, void* information, uint32_t length);
   int32_t QueryResponseHeaders();
   int32_t QueryData();
   void ReadChunk();
   void GatherChunk(char* piece, uint32_t length);
   void FinishBody();
   void FreeBuffers();
+  // The exchange has ended (or will never run): frees the sender.
+  void Complete();
+  static bool Completed(void* self);
 
   uint32_t m_nChunkSize = 0;
   uint32_t m_nTotalSize = 0;
@@ -101,6 +105,8 @@ class WinHttpRequest final : public WinHttpHandle {
   std::condition_variable m_statusArrived;
   WinHttpConnection* m_pConnection = nullptr;
   Event m_completed;
+  std::atomic<bool> m_bCompleted{false};  // set with m_completed, never reset
+  bool m_bOutOfMemory = false;            // a notification ran out of memory
   Event m_closed;
   DiagnosticLog* m_pLog = nullptr;
   // The sender (Open, Send) and the closers meet under m_closeLock: the handle, the

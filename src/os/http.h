@@ -143,6 +143,9 @@ constexpr uint32_t kHttpFlagEscapePercent = 0x00000004;
 constexpr uint32_t kHttpFlagEscapeDisable = 0x00000040;  // object name sent as given
 constexpr uint32_t kHttpFlagEscapeDisableQuery = 0x00000080;
 constexpr uint32_t kHttpFlagSecure = 0x00800000;
+// Not a flag of the wire: the request's sender will wait for its exchange in
+// HttpDriveUntil (see there). Other notifications and closing keep the contract.
+constexpr uint32_t kHttpFlagSenderDrives = 0x40000000;
 
 // HttpAddRequestHeaders modifiers.
 constexpr uint32_t kHttpAddReqFlagAddIfNew = 0x10000000;
@@ -239,6 +242,13 @@ bool HttpQueryDataAvailable(HttpHandle request);
 // The buffer must stay valid until READ_COMPLETE, REQUEST_ERROR or HANDLE_CLOSING.
 bool HttpReadData(HttpHandle request, void* buffer, uint32_t bytes_to_read);
 bool HttpCloseHandle(HttpHandle handle);
+// For a request opened with kHttpFlagSenderDrives, after its send: where the backend
+// can, the calling thread runs the request's exchange itself, delivering its
+// notifications, until done(arg) is true (checked after each batch of notifications,
+// under the backend's lock: it must only read) or the request's HANDLE_CLOSING has
+// been delivered. A close from another thread wakes it. False, at once, when the
+// backend does not do this for the request; the caller then waits its own way.
+bool HttpDriveUntil(HttpHandle request, bool (*done)(void*), void* arg);
 
 // The parts of a URL as WinHttpCrackUrl reports them.
 struct HttpUrlParts {

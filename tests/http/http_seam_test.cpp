@@ -33,6 +33,7 @@ struct Event {
   uint32_t count = 0;  // DATA_AVAILABLE count, READ_COMPLETE length
   uintptr_t call = 0;
   uint32_t error = 0;
+  std::thread::id thread = std::this_thread::get_id();  // where it was delivered
 };
 
 bool IsMain(uint32_t s) {
@@ -79,6 +80,14 @@ class Exchange {
     if (request_ && !closed_.exchange(true)) HttpCloseHandle(request_);
   }
   bool WaitEnded(std::chrono::milliseconds bound = kBound) { return ended_.WaitFor(bound); }
+  // For a request opened with kHttpFlagSenderDrives: runs it on this thread until it
+  // ends, where the backend does that; false when it does not.
+  bool Drive() {
+    return HttpDriveUntil(
+        request_, [](void* self) { return static_cast<Exchange*>(self)->ended_flag_.load(); },
+        this);
+  }
+  bool closing_delivered() const { return closing_flag_.load(); }
   bool WaitClosing() { return closing_.WaitFor(kBound); }
   bool WaitReads(int n) {
     return testkit::WaitUntil([&] { return reads_.load() >= n; }, kBound);
@@ -164,6 +173,7 @@ class Exchange {
       }
       case kHttpStatusDataAvailable:
         if (e.count == 0) {
+          ended_flag_ = true;
           ended_.Set();
         } else {
           buffer_.assign(std::min(e.count, read_size_), '\0');
@@ -176,9 +186,11 @@ class Exchange {
         ++reads_;
         break;
       case kHttpStatusRequestError:
+        ended_flag_ = true;
         ended_.Set();
         break;
       case kHttpStatusHandleClosing:
+        closing_flag_ = true;
         closing_.Set();
         break;
     }
@@ -193,6 +205,7 @@ class Exchange {
   int hold_after_ = -1;
   std::atomic<int> reads_{0};
   std::atomic<bool> closed_{false};
+  std::atomic<bool> ended_flag_{false}, closing_flag_{false};
   int foreign_context_ = 0;
   testkit::Signal ended_, closing_;
 };
@@ -649,6 +662,157 @@ void LogClosing(HttpHandle h, uintptr_t context, uint32_t status, void*, uint32_
 
 // Handles inherit the session's callback; an unsent request closes with context 0; a
 // parent's closing comes after its children's even when the parent is closed first.
+// ---- requests whose sender drives them ---------------------------------------------
+
+// The sender runs the whole exchange itself while it waits; the order of the
+// notifications is the usual one, and a close after the end delivers the closing at
+// once. Where the backend has its own threads for this, the drive declines and the
+// notifications come as usual.
+TEST(HttpSeamSenderDrives, ExchangeRunsOnTheSendersThread) {
+  RawServer* server = nullptr;
+  RawServer s(Answer(&server, Reply("200 OK", "hello")));
+  server = &s;
+  Exchange x(s.port(), u"POST", u"/d", kHttpFlagSenderDrives);
+  ASSERT_TRUE(x.ok());
+  ASSERT_TRUE(x.Send("{}", u"Content-type: application/json\r\n"));
+  const bool driven = x.Drive();
+#ifdef _WIN32
+  EXPECT_FALSE(driven);
+#else
+  ASSERT_TRUE(driven);
+#endif
+  ASSERT_TRUE(x.WaitEnded());
+  x.CloseRequest();
+  if (driven) {
+    EXPECT_TRUE(x.closing_delivered());  // inside the close call
+  }
+  ASSERT_TRUE(x.WaitClosing());
+  const std::vector<Event> ev = x.Main();
+  const std::vector<uint32_t> expected = {
+      kHttpStatusSendRequestComplete, kHttpStatusHeadersAvailable, kHttpStatusDataAvailable,
+      kHttpStatusReadComplete,        kHttpStatusDataAvailable,    kHttpStatusHandleClosing};
+  ASSERT_EQ(ev.size(), expected.size());
+  for (size_t i = 0; i < ev.size(); ++i) {
+    EXPECT_EQ(ev[i].status, expected[i]) << i;
+    if (driven) {
+      EXPECT_EQ(ev[i].thread, std::this_thread::get_id()) << i;
+    }
+  }
+  x.ExpectClosedCleanly();
+  EXPECT_EQ(x.body, "hello");
+  ASSERT_EQ(s.received().size(), 1u);
+  EXPECT_EQ(s.received()[0].body, "{}");
+}
+
+// A close from another thread while the sender drives a stalled exchange (waiting for
+// the reply's head, or with the body held) frees the sender: the pending call fails as
+// cancelled and HANDLE_CLOSING comes last, once.
+class HttpSeamSenderDrivesClose : public ::testing::TestWithParam<bool> {};
+
+TEST_P(HttpSeamSenderDrivesClose, CloseFromAnotherThreadFreesTheSender) {
+  const bool mid_body = GetParam();
+  testkit::Signal got_request, release;
+  RawServer s([&](Connection& c) {
+    Received r;
+    if (!c.Read(&r)) return;
+    if (mid_body) c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc");
+    got_request.Set();
+    HoldUntilClosedOrReleased(c, release);
+  });
+  Exchange x(s.port(), u"GET", u"/stall", kHttpFlagSenderDrives);
+  ASSERT_TRUE(x.ok());
+  if (mid_body) x.HoldAfterReads(1);
+  ASSERT_TRUE(x.Send());
+  std::thread closer([&] {
+    if (got_request.WaitFor(kBound) && (!mid_body || x.WaitReads(1))) x.CloseRequest();
+  });
+  const bool driven = x.Drive();
+  closer.join();
+  if (driven) {
+    EXPECT_TRUE(x.closing_delivered());  // the drive ended with the closing
+  }
+  // wine's WinHTTP keeps the connection until the server ends it.
+  if (httptest::UnderWine()) release.Set();
+  ASSERT_TRUE(x.WaitClosing());
+  release.Set();
+  x.ExpectClosedCleanly();
+  const std::vector<Event> ev = x.Main();
+  const auto errors = std::count_if(ev.begin(), ev.end(), [](const Event& e) {
+    return e.status == kHttpStatusRequestError;
+  });
+  if (httptest::UnderWine()) return;
+  // Before the head, the close may land before the receive was asked for: then no
+  // call is pending and none fails. A held body always has its query pending.
+  ASSERT_LE(errors, 1);
+  if (mid_body) {
+    ASSERT_EQ(errors, 1);
+  }
+  const auto error = std::find_if(ev.begin(), ev.end(), [](const Event& e) {
+    return e.status == kHttpStatusRequestError;
+  });
+  if (error == ev.end()) return;
+  EXPECT_EQ(error->error, kHttpErrorOperationCancelled);
+  EXPECT_EQ(error->call, mid_body ? kHttpApiQueryDataAvailable : kHttpApiReceiveResponse);
+}
+
+INSTANTIATE_TEST_SUITE_P(Stall, HttpSeamSenderDrivesClose, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "MidBody" : "BeforeHead"; });
+
+// A request closed before anyone drove it (sent, then closed at once) ends cleanly on
+// the closing thread; a drive afterwards declines.
+TEST(HttpSeamSenderDrives, ClosedBeforeTheDriveEndsCleanly) {
+  testkit::Signal release;
+  RawServer s([&](Connection& c) {
+    Received r;
+    if (c.Read(&r)) HoldUntilClosedOrReleased(c, release);
+  });
+  Exchange x(s.port(), u"GET", u"/never", kHttpFlagSenderDrives);
+  ASSERT_TRUE(x.ok());
+  ASSERT_TRUE(x.Send());
+  x.CloseRequest();
+  EXPECT_FALSE(x.Drive());
+  if (httptest::UnderWine()) release.Set();
+  ASSERT_TRUE(x.WaitClosing());
+  release.Set();
+  x.ExpectClosedCleanly();
+}
+
+// Sender-driven requests one after another on one session keep one connection alive
+// between them, as a reused easy handle of libcurl would.
+TEST(HttpSeamSenderDrives, RequestsInTurnShareOneConnection) {
+  constexpr int kRequests = 3;
+  RawServer* server = nullptr;
+  std::atomic<int> connections{0};
+  RawServer s([&](Connection& c) {
+    ++connections;
+    for (int i = 0; i < kRequests; ++i) {
+      Received r;
+      if (!c.Read(&r)) return;
+      server->Record(r);
+      c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+    }
+  });
+  server = &s;
+  HttpHandle session = HttpOpen(u"seam-test/1.0", kHttpAccessTypeNoProxy, u"", u"", kHttpFlagAsync);
+  ASSERT_NE(session, nullptr);
+  for (int i = 0; i < kRequests; ++i) {
+    Exchange x(s.port(), u"GET", u"/k", kHttpFlagSenderDrives, u"127.0.0.1",
+               kHttpAccessTypeNoProxy, u"", session);
+    ASSERT_TRUE(x.ok());
+    ASSERT_TRUE(x.Send());
+    x.Drive();
+    ASSERT_TRUE(x.WaitEnded());
+    EXPECT_EQ(x.body, "ok");
+    x.CloseRequest();
+    ASSERT_TRUE(x.WaitClosing());
+  }
+  EXPECT_EQ(s.received().size(), static_cast<size_t>(kRequests));
+#ifndef _WIN32
+  EXPECT_EQ(connections.load(), 1);
+#endif
+  HttpCloseHandle(session);
+}
+
 TEST(HttpSeam, EveryHandleClosesOnceAndParentsLast) {
   ClosingLog log;
   g_closing_log = &log;

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
@@ -282,11 +283,30 @@ bool HeaderText(const Request& r, uint32_t level, const char16_t* name, uint32_t
   }
 }
 
-// Hands a caller's call to the event thread as the request's pending operation.
+// Hands a caller's call to the event thread as the request's pending operation. A call
+// made on the event thread itself (from inside a notification) goes on at once; the
+// loop delivers what it queued as soon as the notification in progress returns.
 bool Begin(Request& r, Phase pending) {
   r.phase = pending;
-  Wake(*r.core);
+  Core& core = *r.core;
+  if (std::this_thread::get_id() == core.loop_thread && AdvanceNow(r)) return true;
+  Wake(core);
   return true;
+}
+
+// The session's cookie share is used by all of its event threads.
+void LockShare(CURL*, curl_lock_data data, curl_lock_access, void* p) {
+  static_cast<Settings*>(p)->share_mu[data].lock();
+}
+
+void UnlockShare(CURL*, curl_lock_data data, void* p) {
+  static_cast<Settings*>(p)->share_mu[data].unlock();
+}
+
+// The lanes of a session: one per processor, at most four.
+size_t LaneCount() {
+  const unsigned n = std::thread::hardware_concurrency();
+  return std::clamp<size_t>(n, 1, 4);
 }
 
 bool InBody(const Request& r) {
@@ -303,7 +323,35 @@ bool Fail(uint32_t error) {
 void SetLastError(uint32_t error) { t_last_error = error; }
 
 Request::~Request() {
+  // A sender's lane that was never driven to the end may still hold the transfer.
+  if (hop.easy && core && core->own) EndTransfer(*this);
   if (header_list) curl_slist_free_all(header_list);
+}
+
+Settings::Idle Settings::TakeMulti() {
+  {
+    std::lock_guard<std::mutex> lock(idle_mu);
+    if (!idle.empty()) {
+      const Idle taken = idle.back();
+      idle.pop_back();
+      return taken;
+    }
+  }
+  return {curl_multi_init(), nullptr};
+}
+
+void Settings::GiveBackMulti(Idle given) {
+  // Enough for the senders of a busy host; the rest close their connections.
+  constexpr size_t kMaxIdle = 16;
+  {
+    std::lock_guard<std::mutex> lock(idle_mu);
+    if (idle.size() < kMaxIdle) {
+      idle.push_back(given);
+      return;
+    }
+  }
+  curl_multi_cleanup(given.multi);
+  if (given.easy) curl_easy_cleanup(given.easy);
 }
 
 void EndAllSessions() {
@@ -315,10 +363,11 @@ void EndAllSessions() {
     t.map.clear();
   }
   for (const auto& h : open) {
-    std::lock_guard<std::mutex> lock(h->core->mu);
+    std::unique_lock<std::mutex> lock(h->core->mu);
     h->callback = nullptr;  // no code above the seam runs from here on
     h->mask = 0;
     h->closed_by_app = true;
+    if (CloseHere(h, lock)) continue;
     h->core->to_close.push_back(h);
     Wake(*h->core);
   }
@@ -349,21 +398,43 @@ HttpHandle HttpOpen(std::u16string_view agent, uint32_t access_type, std::u16str
       return FailWith<HttpHandle>(kHttpErrorInvalidParameter);
     }
     if (!CurlGlobalInit()) return FailWith<HttpHandle>(kHttpErrorInternal);
-    auto core = std::make_shared<Core>();
-    core->agent = Narrow(agent);
+    auto settings = std::make_shared<Settings>();
+    settings->agent = Narrow(agent);
     if (access_type == kHttpAccessTypeNamedProxy) {
-      ParseProxyList(Narrow(proxy), &core->http_proxy, &core->https_proxy);
-      core->bypass = ParseBypassList(Narrow(bypass));
+      ParseProxyList(Narrow(proxy), &settings->http_proxy, &settings->https_proxy);
+      settings->bypass = ParseBypassList(Narrow(bypass));
     }
-    core->multi = curl_multi_init();
-    core->share = curl_share_init();
-    const bool ready =
-        core->multi && core->share &&
-        curl_share_setopt(core->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE) == CURLSHE_OK;
-    if (!ready) return FailWith<HttpHandle>(kHttpErrorNotEnoughMemory);
+    settings->share = curl_share_init();
+    CURLSH* share = settings->share;
+    const bool shared =
+        share && curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &LockShare) == CURLSHE_OK &&
+        curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, &UnlockShare) == CURLSHE_OK &&
+        curl_share_setopt(share, CURLSHOPT_USERDATA, settings.get()) == CURLSHE_OK &&
+        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE) == CURLSHE_OK;
+    if (!shared) return FailWith<HttpHandle>(kHttpErrorNotEnoughMemory);
+    std::vector<std::shared_ptr<Core>> lanes(LaneCount());
+    for (auto& lane : lanes) {
+      lane = std::make_shared<Core>();
+      lane->settings = settings;
+      lane->multi = curl_multi_init();
+      if (!lane->multi) return FailWith<HttpHandle>(kHttpErrorNotEnoughMemory);
+    }
+    const std::shared_ptr<Core> core = lanes.front();
+    core->lanes.assign(lanes.begin() + 1, lanes.end());
     auto session = std::make_shared<Session>();
     session->core = core;
-    StartSession(core);
+    size_t started = 0;
+    try {
+      for (; started < lanes.size(); ++started) StartSession(lanes[started]);
+    } catch (...) {
+      // The threads already started end at once: their lanes never get work.
+      for (size_t i = 0; i < started; ++i) {
+        std::lock_guard<std::mutex> lock(lanes[i]->mu);
+        lanes[i]->finished = true;
+        Wake(*lanes[i]);
+      }
+      throw;
+    }
     return Register(session);
   });
 }
@@ -372,6 +443,11 @@ HttpHandle HttpConnect(HttpHandle session, std::u16string_view server, uint16_t 
   return WithHandle<Session>(session, [&](const std::shared_ptr<Session>& s) -> HttpHandle {
     if (server.empty()) return FailWith<HttpHandle>(kHttpErrorInvalidParameter);
     auto c = MakeChild<Connect>(s);
+    // The connection's lane, in turn; its requests stay on it.
+    Core& home = *s->core;
+    const size_t turn = home.next_lane;
+    home.next_lane = (turn + 1) % (home.lanes.size() + 1);
+    if (turn > 0) c->core = home.lanes[turn - 1];
     c->host = Narrow(server);
     c->port = port;
     return Register(c);
@@ -382,12 +458,25 @@ HttpHandle HttpOpenRequest(HttpHandle connect, std::u16string_view verb,
                            std::u16string_view object_name, uint32_t flags) {
   return WithHandle<Connect>(connect, [&](const std::shared_ptr<Connect>& c) -> HttpHandle {
     auto r = MakeChild<Request>(c);
+    if (flags & kHttpFlagSenderDrives) {
+      auto lane = std::make_shared<Core>();
+      lane->own = true;
+      lane->settings = c->core->settings;
+      const Settings::Idle taken = lane->settings->TakeMulti();
+      lane->multi = taken.multi;
+      lane->spare = taken.easy;
+      if (!lane->multi) {
+        c->children--;
+        return FailWith<HttpHandle>(kHttpErrorNotEnoughMemory);
+      }
+      r->core = lane;
+    }
     r->host = c->host;
     r->port = c->port;
     r->secure = (flags & kHttpFlagSecure) != 0;
     r->verb = verb.empty() ? std::string("GET") : Narrow(verb);
     r->target = EscapeObjectName(object_name, flags);
-    c->core->requests.push_back(r);
+    r->core->requests.push_back(r);
     return Register(r);
   });
 }
@@ -437,7 +526,7 @@ bool HttpSetOption(HttpHandle handle, uint32_t option, const void* buffer, uint3
                        kHttpSecureProtocolTls1_2 | kHttpSecureProtocolTls1_3))) {
           return Fail(kHttpErrorInvalidParameter);
         }
-        h->core->secure_protocols = value;
+        h->core->settings->secure_protocols = value;
         return true;
       default:
         return Fail(kHttpErrorInvalidOption);
@@ -462,10 +551,11 @@ bool HttpQueryOption(HttpHandle handle, uint32_t option, void* buffer, uint32_t*
         value = option == kHttpOptionSecurityFlags ? &r.security_flags : &r.redirect_policy;
         break;
       }
-      case kHttpOptionSecureProtocols:
+      case kHttpOptionSecureProtocols: {
         if (h->kind != Kind::kSession) return Fail(kHttpErrorIncorrectHandleType);
-        value = &h->core->secure_protocols;
-        break;
+        const uint32_t protocols = h->core->settings->secure_protocols;
+        return PutBytes(&protocols, sizeof(uint32_t), buffer, length);
+      }
       default:
         return Fail(kHttpErrorInvalidOption);
     }
@@ -541,6 +631,29 @@ bool HttpReadData(HttpHandle request, void* buffer, uint32_t bytes_to_read) {
     r->read_buffer = buffer;
     r->read_length = bytes_to_read;
     return Begin(*r, Phase::kReading);
+  });
+}
+
+bool HttpDriveUntil(HttpHandle request, bool (*done)(void*), void* arg) {
+  if (!done) return false;
+  return Guarded([&]() -> bool {
+    const std::shared_ptr<Handle> h = Lookup(request);
+    if (!h || h->kind != Kind::kRequest) return false;
+    const std::shared_ptr<Core> core = h->core;
+    if (!core->own) return false;
+    std::unique_lock<std::mutex> lock(core->mu);
+    if (core->driving || h->freed) return false;
+    core->driving = true;
+    core->loop_thread = std::this_thread::get_id();
+    struct Release {
+      Core& core;
+      ~Release() {
+        core.driving = false;
+        core.loop_thread = std::thread::id();
+      }
+    } release{*core};
+    Drive(core, lock, done, arg);
+    return true;
   });
 }
 

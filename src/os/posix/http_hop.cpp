@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "os/posix/http_internal.h"
 #include "support/text.h"
@@ -181,7 +182,7 @@ long TlsVersion(uint32_t protocols) {
 
 // Sets every option of the hop's easy handle; the first refusal is the result.
 CURLcode Configure(Request& r, CURL* e) {
-  Core& core = *r.core;
+  const Settings& core = *r.core->settings;
   Hop& hop = r.hop;
   void* self = static_cast<void*>(&r);
   // The request line carries the target byte for byte; the URL given to curl only
@@ -249,7 +250,13 @@ uint32_t StartHop(Request& r) {
   hop.t_start = hop.t_io = Clock::now();
   hop.url = hop.base + hop.target;
 
-  CURL* e = curl_easy_init();
+  // A sender's lane sets its last easy handle up afresh: its buffers are ready.
+  CURL* e = std::exchange(r.core->spare, nullptr);
+  if (e) {
+    curl_easy_reset(e);
+  } else {
+    e = curl_easy_init();
+  }
   if (!e) return kHttpErrorNotEnoughMemory;
   const CURLcode configured = Configure(r, e);
   if (configured != CURLE_OK) {
@@ -297,7 +304,7 @@ bool AimAt(Hop& hop, const std::string& url) {
 }
 
 void FollowRedirect(Request& r) {
-  EndTransfer(r);
+  EndTransfer(r, !r.hop.secure);
   Hop& hop = r.hop;
   if (++r.redirects > kMaxRedirects) return FailTransfer(r, kHttpErrorRedirectFailed);
   const long status = hop.head.status;
@@ -333,7 +340,7 @@ uint32_t CertificateFailureFlags(CURL* easy, CURLcode code) {
 
 }  // namespace
 
-void EndTransfer(Request& r) {
+void EndTransfer(Request& r, bool reusable) {
   CURL* e = r.hop.easy;
   if (!e) return;
   long sent = 0;
@@ -341,7 +348,18 @@ void EndTransfer(Request& r) {
     r.request_bytes = static_cast<uint32_t>(sent);
   }
   curl_multi_remove_handle(r.core->multi, e);
-  curl_easy_cleanup(e);
+  // Only a handle whose plain transfer ran to its end is reset for the next: one left
+  // before it began, or one that spoke TLS, keeps state a reset does not give back.
+  Core& core = *r.core;
+  if (reusable && core.own && !core.spare) {
+    // A reset forgets the list of cookie files without freeing it: the handle leaves
+    // the session's cookies and drops the list itself first.
+    curl_easy_setopt(e, CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
+    curl_easy_setopt(e, CURLOPT_COOKIEFILE, static_cast<char*>(nullptr));
+    core.spare = e;
+  } else {
+    curl_easy_cleanup(e);
+  }
   r.hop.easy = nullptr;
   r.paused = false;
 }
@@ -414,7 +432,7 @@ void OnTransferDone(Request& r, CURLcode code) {
   if (error == kHttpErrorSecureFailure) {
     NotifyNumber(r, kHttpStatusSecureFailure, CertificateFailureFlags(r.hop.easy, code));
   }
-  EndTransfer(r);
+  EndTransfer(r, code == CURLE_OK && !r.hop.secure);
   r.done = true;
   r.error = error ? error : r.headers_ready ? 0 : kHttpErrorInvalidServerResponse;
 }

@@ -5,19 +5,26 @@
 //   http_hop.cpp       one hop of a request on libcurl: set-up, callbacks, redirects,
 //                      deadlines
 // Rules:
-//   - Each session owns one event thread, one multi handle and one cookie share. Every
-//     curl object of the session is touched only on that thread.
-//   - All state of a session's handles is guarded by the session's mutex. The event
-//     thread holds it while curl runs (curl's callbacks run inside and may use it) and
-//     drops it to deliver notifications and to wait for sockets.
+//   - Each session owns one cookie share and one or more lanes (Core): an event thread
+//     with its own multi handle. Each connection, and its requests, stay on one lane;
+//     every curl object of a lane is touched only on its thread.
+//   - All state of a lane's handles is guarded by the lane's mutex. The event thread
+//     holds it while curl runs (curl's callbacks run inside and may use it) and drops it
+//     to deliver notifications and to wait for sockets.
 //   - Notifications are queued under the mutex and delivered on the event thread in
 //     queue order, so they never overlap and HANDLE_CLOSING, queued last for a handle,
 //     is delivered last. A queued notification is self-contained: delivery touches no
 //     handle state. Each handle counts its notifications not yet delivered.
+//   - A request opened with kHttpFlagSenderDrives gets a lane of its own without a
+//     thread (own): its sender runs that lane's loop while it waits in HttpDriveUntil,
+//     so the exchange needs no hand-off between threads; the lane's multi handle, and
+//     the connection it keeps alive, go back to the session's pool at the end. The
+//     same rules hold there, with the driving thread as the event thread.
 //   - The one delivery off the event thread: a request closed from another thread
-//     once its transfer has ended and all its notifications have been delivered has
-//     nothing left for the event thread to do, so its closing runs on the caller's
-//     thread at once (as WinHTTP may deliver HANDLE_CLOSING inside the close call).
+//     once its transfer has ended and all its notifications have been delivered (or a
+//     connection with no request left) has nothing left for the event thread to do, so
+//     its closing runs on the caller's thread at once (as WinHTTP may deliver
+//     HANDLE_CLOSING inside the close call).
 //   - Handles are ids in a process table; the table entry goes at HttpCloseHandle, the
 //     object when its HANDLE_CLOSING has been queued and nothing refers to it any more.
 #pragma once
@@ -211,30 +218,83 @@ struct Note {
   std::shared_ptr<Handle> owner;
 };
 
+// What every event thread of a session reads when it sets a transfer up: fixed when the
+// session opens, except the protocols, which the caller may change at any time. The
+// cookie share serves all of the session's threads, under its own locks.
+struct Settings {
+  Settings() = default;
+  ~Settings() {
+    for (const Idle& i : idle) {
+      curl_multi_cleanup(i.multi);
+      if (i.easy) curl_easy_cleanup(i.easy);
+    }
+    if (share) curl_share_cleanup(share);
+  }
+  Settings(const Settings&) = delete;
+  Settings& operator=(const Settings&) = delete;
+  std::string agent;
+  std::string http_proxy, https_proxy;
+  std::vector<std::string> bypass;
+  std::atomic<uint32_t> secure_protocols{kDefaultSecureProtocols};
+  CURLSH* share = nullptr;
+  std::mutex share_mu[CURL_LOCK_DATA_LAST];
+  // Multi handles of sender-driven requests that have ended, each with the
+  // connections it keeps alive, for the next such request.
+  struct Idle {
+    CURLM* multi;
+    CURL* easy;  // the last transfer's easy handle, to be reset and used again; or null
+  };
+  std::mutex idle_mu;
+  std::vector<Idle> idle;
+
+  // A multi handle (and maybe an easy handle) for a sender-driven request: idle ones,
+  // or a new multi handle.
+  Idle TakeMulti();
+  void GiveBackMulti(Idle idle);
+};
+
+// One event thread with its multi handle: a lane of a session. A session has one lane
+// or more; each connection (and every request opened on it) lives on one lane, picked in
+// turn, and the session itself on the first. Handles on one lane are guarded by its
+// mutex; the one tie across lanes, a connection's parent, is touched only under the
+// parent's lane's mutex (see DetachFromParent).
 struct Core {
   Core() = default;
-  // The loop gives back the multi handle and the share when it ends; this is for a
-  // session whose loop never started.
+  // The loop gives back the multi handle when it ends; this is for a lane whose loop
+  // never started, and for a sender's lane, whose multi handle goes back to the pool.
   ~Core() {
+    if (own && settings && multi) {
+      settings->GiveBackMulti({multi, spare});
+      return;
+    }
     if (multi) curl_multi_cleanup(multi);
-    if (share) curl_share_cleanup(share);
+    if (spare) curl_easy_cleanup(spare);
   }
   Core(const Core&) = delete;
   Core& operator=(const Core&) = delete;
   std::mutex mu;
   CURLM* multi = nullptr;
-  CURLSH* share = nullptr;
   std::thread::id loop_thread;
   bool dirty = false;
-  bool finished = false;  // the session's HANDLE_CLOSING is queued; the loop ends
+  bool polling = false;     // the loop waits in curl's poll: a wake-up must reach it
+  bool delivering = false;  // the loop delivers notifications, the lock dropped
+  bool finished = false;    // the lane's work is over (the session's HANDLE_CLOSING is queued)
+  // A sender's lane: one request and no thread of its own. Its sender runs it while it
+  // waits (driving); when nobody drives, a caller that holds the mutex may run it.
+  bool own = false;
+  bool driving = false;
+  CURL* spare = nullptr;  // a sender's lane: an easy handle done with, for the next hop
   std::vector<std::shared_ptr<Request>> requests;
   std::vector<std::shared_ptr<Handle>> to_close;
   std::deque<Note> notes;
-  // Session settings.
-  std::string agent;
-  std::string http_proxy, https_proxy;
-  std::vector<std::string> bypass;
-  uint32_t secure_protocols = kDefaultSecureProtocols;
+  // Parents on another lane whose child has been freed; they learn of it once the
+  // child's HANDLE_CLOSING has been delivered.
+  std::vector<std::shared_ptr<Handle>> detach;
+  std::shared_ptr<Settings> settings;
+  // The session's lane only: the session's other lanes, and whose turn is next (0 for
+  // this lane, i for lanes[i - 1]).
+  std::vector<std::shared_ptr<Core>> lanes;
+  size_t next_lane = 0;
 };
 
 // ---- http_session.cpp ------------------------------------------------------------
@@ -245,14 +305,25 @@ void NotifyNumber(Handle& h, uint32_t status, uint32_t number);
 void NotifyText(Handle& h, uint32_t status, std::string_view text);
 // Asks the event thread to look at the session again.
 void Wake(Core& core);
-// Closes a request the caller has just given up (closed_by_app set) on the calling
-// thread, HANDLE_CLOSING included, when nothing of it is left for the event thread:
-// its transfer has ended, no notification of it waits, and its parent stays open.
+// On the event thread: moves the request on at once as far as what has arrived
+// allows; true when its pending operation has ended (its notification is queued).
+bool AdvanceNow(Request& r);
+// Closes a request or a connection the caller has just given up (closed_by_app set) on
+// the calling thread, HANDLE_CLOSING included, when nothing of it is left for the event
+// thread: a request's transfer has ended, a connection has no request left, and no
+// notification of it waits.
 // False when it is not so; then the event thread must close it. `lock` holds
 // core->mu; it is dropped while the notifications are delivered.
 bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& lock);
-// Starts the session's event thread (throws when no thread can be made).
+// Starts a lane's event thread (throws when no thread can be made).
 void StartSession(const std::shared_ptr<Core>& core);
+// Tells a parent on another lane that one of its children is gone; no lane's mutex
+// may be held.
+void DetachFromParent(const std::shared_ptr<Handle>& parent);
+// Runs a sender's lane on the calling thread until done() is true or the lane's request
+// has been freed. `lock` holds core->mu and core->driving is set.
+void Drive(const std::shared_ptr<Core>& core, std::unique_lock<std::mutex>& lock,
+           bool (*done)(void*), void* arg);
 // Waits for every event thread to end; their sessions must be closing.
 void JoinSessions();
 
@@ -264,8 +335,9 @@ bool StartTransfer(Request& r);
 void ResumeIfDrained(Request& r);
 // Takes the transfer's end from libcurl: a redirect to follow, or the response's end.
 void OnTransferDone(Request& r, CURLcode code);
-// Ends the transfer early (cancelled, timed out).
-void EndTransfer(Request& r);
+// Ends the transfer (early: cancelled, timed out). `reusable`: it ran to its end, so a
+// sender's lane may keep its easy handle for the next hop.
+void EndTransfer(Request& r, bool reusable = false);
 void FailTransfer(Request& r, uint32_t error);
 // The deadline of the phase the transfer is in; false when none applies.
 bool Deadline(const Request& r, Clock::time_point* when);

@@ -187,12 +187,16 @@ bool FreeOne(const std::shared_ptr<Handle>& h) {
   return true;
 }
 
-// FreeOne, and the parent follows when it was waiting only for this handle.
+// FreeOne, and the parent follows when it was waiting only for this handle. A parent on
+// another lane learns of it later, once the handle's closing has been delivered.
 void MaybeFree(const std::shared_ptr<Handle>& h) {
-  if (FreeOne(h) && h->parent) {
-    h->parent->children--;
-    MaybeFree(h->parent);
+  if (!FreeOne(h) || !h->parent) return;
+  if (h->parent->core != h->core) {
+    h->core->detach.push_back(h->parent);
+    return;
   }
+  h->parent->children--;
+  MaybeFree(h->parent);
 }
 
 // Notifications delivered (by whichever thread): their handles' counts go down.
@@ -238,49 +242,84 @@ void ApplyDeadlines(const std::vector<std::shared_ptr<Request>>& requests,
   }
 }
 
+// One pass of a lane's loop: closings, every request moved on, curl's work, deadlines,
+// then the notifications delivered until the callbacks queue no more. `next` gets the
+// earliest deadline still to come. True when the lane's work is over.
+bool Pass(Core& core, std::unique_lock<std::mutex>& lock, Clock::time_point* now,
+          Clock::time_point* next) {
+  core.dirty = false;
+  ProcessCloses(core);
+  // Work on a copy: a callback may close a request while the lock is dropped.
+  std::vector<std::shared_ptr<Request>> requests = core.requests;
+  for (const auto& r : requests) Advance(*r);
+  int running = 0;
+  curl_multi_perform(core.multi, &running);
+  int left = 0;
+  while (CURLMsg* msg = curl_multi_info_read(core.multi, &left)) {
+    if (msg->msg != CURLMSG_DONE) continue;
+    void* p = nullptr;
+    if (curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &p) != CURLE_OK) p = nullptr;
+    if (p) OnTransferDone(*static_cast<Request*>(p), msg->data.result);
+  }
+  *now = Clock::now();
+  *next = Clock::time_point::max();
+  ApplyDeadlines(requests, *now, next);
+  for (const auto& r : requests) Advance(*r);
+  // The callbacks' own calls queue their notifications at once (see Begin), so the
+  // steps of an exchange whose bytes have all arrived go out in one pass, without a
+  // trip through curl between them. A close waits for the next pass.
+  bool finish = false;
+  do {
+    finish = core.finished;
+    std::deque<Note> notes;
+    notes.swap(core.notes);
+    std::vector<std::shared_ptr<Handle>> detach;
+    detach.swap(core.detach);
+    core.delivering = true;
+    lock.unlock();
+    for (Note& n : notes) Deliver(n);
+    requests.clear();
+    for (const auto& parent : detach) DetachFromParent(parent);
+    detach.clear();
+    lock.lock();
+    core.delivering = false;
+    Delivered(notes);
+  } while (!finish && !core.notes.empty() && core.to_close.empty());
+  return finish;
+}
+
+bool HasWork(const Core& core) {
+  return core.dirty || !core.notes.empty() || !core.to_close.empty() || !core.detach.empty();
+}
+
+// Waits in curl's poll until a socket is ready, curl's timer or the next deadline is
+// due, or someone wakes the lane.
+void WaitForWork(Core& core, std::unique_lock<std::mutex>& lock, Clock::time_point now,
+                 Clock::time_point next) {
+  long curl_ms = -1;
+  if (curl_multi_timeout(core.multi, &curl_ms) != CURLM_OK) curl_ms = -1;
+  int wait_ms = curl_ms < 0 ? INT_MAX : static_cast<int>(std::min<long>(curl_ms, INT_MAX));
+  if (next != Clock::time_point::max()) {
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count() + 1;
+    wait_ms = static_cast<int>(std::min<long long>(wait_ms, ms));
+  }
+  // Only a loop that waits in the poll needs a wake-up; otherwise it sees `dirty`
+  // before it waits again.
+  core.polling = true;
+  lock.unlock();
+  curl_multi_poll(core.multi, nullptr, 0, wait_ms, nullptr);
+  lock.lock();
+  core.polling = false;
+}
+
 void Loop(std::shared_ptr<Core> core) {
   std::unique_lock<std::mutex> lock(core->mu);
   core->loop_thread = std::this_thread::get_id();
   for (;;) {
-    core->dirty = false;
-    ProcessCloses(*core);
-    // Work on a copy: a callback may close a request while the lock is dropped.
-    std::vector<std::shared_ptr<Request>> requests = core->requests;
-    for (const auto& r : requests) Advance(*r);
-    int running = 0;
-    curl_multi_perform(core->multi, &running);
-    int left = 0;
-    while (CURLMsg* msg = curl_multi_info_read(core->multi, &left)) {
-      if (msg->msg != CURLMSG_DONE) continue;
-      void* p = nullptr;
-      if (curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &p) != CURLE_OK) p = nullptr;
-      if (p) OnTransferDone(*static_cast<Request*>(p), msg->data.result);
-    }
-    const auto now = Clock::now();
-    auto next = Clock::time_point::max();
-    ApplyDeadlines(requests, now, &next);
-    for (const auto& r : requests) Advance(*r);
-    const bool finish = core->finished;
-    std::deque<Note> notes;
-    notes.swap(core->notes);
-    lock.unlock();
-    for (Note& n : notes) Deliver(n);
-    requests.clear();
-    lock.lock();
-    Delivered(notes);
-    if (finish) break;
-    if (core->dirty || !core->notes.empty() || !core->to_close.empty()) continue;
-    long curl_ms = -1;
-    if (curl_multi_timeout(core->multi, &curl_ms) != CURLM_OK) curl_ms = -1;
-    int wait_ms = curl_ms < 0 ? INT_MAX : static_cast<int>(std::min<long>(curl_ms, INT_MAX));
-    if (next != Clock::time_point::max()) {
-      const auto ms =
-          std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count() + 1;
-      wait_ms = static_cast<int>(std::min<long long>(wait_ms, ms));
-    }
-    lock.unlock();
-    curl_multi_poll(core->multi, nullptr, 0, wait_ms, nullptr);
-    lock.lock();
+    Clock::time_point now, next;
+    if (Pass(*core, lock, &now, &next)) break;
+    if (HasWork(*core)) continue;
+    WaitForWork(*core, lock, now, next);
   }
   // Every handle below the session has been freed, so no transfer is left.
   for (const auto& r : core->requests) EndTransfer(*r);
@@ -288,8 +327,15 @@ void Loop(std::shared_ptr<Core> core) {
   core->notes.clear();  // they hold their handles, and the handles hold the session
   curl_multi_cleanup(core->multi);
   core->multi = nullptr;
-  curl_share_cleanup(core->share);
-  core->share = nullptr;
+  // The session is gone, so its other lanes have nothing left either.
+  std::vector<std::shared_ptr<Core>> lanes;
+  lanes.swap(core->lanes);
+  lock.unlock();
+  for (const auto& lane : lanes) {
+    std::lock_guard<std::mutex> lane_lock(lane->mu);
+    lane->finished = true;
+    Wake(*lane);
+  }
 }
 
 // The event threads of the process. A thread is joined once its loop has ended: the
@@ -328,15 +374,27 @@ void NotifyText(Handle& h, uint32_t status, std::string_view text) {
 
 bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& lock) {
   Core& core = *h->core;
-  if (h->kind != Kind::kRequest || h->freed || h->undelivered != 0) return false;
+  // A sender's lane that nobody drives is this thread's to run: its transfer ends here
+  // and what it has queued is delivered here, before the closing.
+  const bool served_here = core.own && !core.driving;
+  if (h->kind == Kind::kSession || h->freed) return false;
+  if (!served_here && h->undelivered != 0) return false;
   if (std::this_thread::get_id() == core.loop_thread || core.finished) return false;
-  Request& r = static_cast<Request&>(*h);
+  // A connection is closed here once its requests are gone, and when its closing is
+  // notified, only after theirs: no notification may wait or be on its way.
+  if (h->children != 0) return false;
+  if (h->kind == Kind::kConnect && Wants(*h, kHttpStatusHandleClosing) &&
+      (core.delivering || !core.notes.empty())) {
+    return false;
+  }
+  Request* r = h->kind == Kind::kRequest ? static_cast<Request*>(h.get()) : nullptr;
   // curl's objects are the event thread's; a transfer under way is ended there.
-  if (r.hop.easy || (r.started && !r.done)) return false;
+  if (r && !served_here && (r->hop.easy || (r->started && !r->done))) return false;
   // What the close queues is taken aside; what others queued stays for the event thread.
   std::deque<Note> mine;
-  mine.swap(core.notes);
-  GiveUp(r);
+  if (!served_here) mine.swap(core.notes);
+  if (r && served_here) EndTransfer(*r);
+  if (r) GiveUp(*r);
   FreeOne(h);
   mine.swap(core.notes);
   if (!mine.empty()) {
@@ -345,24 +403,58 @@ bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& l
     lock.lock();
     Delivered(mine);
   }
+  // A sender waiting in its lane's poll for a request that had nothing left to do
+  // (a body that never ends the exchange) looks again, and finds it closed.
+  if (core.own && core.driving) Wake(core);
   // The parent learns of it only now, so its own closing cannot come before this one.
   if (const std::shared_ptr<Handle> parent = h->parent) {
+    if (parent->core != h->core) {
+      lock.unlock();
+      DetachFromParent(parent);
+      lock.lock();
+      return true;
+    }
     const size_t queued = core.notes.size();
     parent->children--;
     MaybeFree(parent);
-    if (core.notes.size() != queued || core.finished) {
-      core.dirty = true;
-      if (core.multi) curl_multi_wakeup(core.multi);
-    }
+    if (core.notes.size() != queued || core.finished) Wake(core);
   }
   return true;
 }
 
+void Drive(const std::shared_ptr<Core>& core, std::unique_lock<std::mutex>& lock,
+           bool (*done)(void*), void* arg) {
+  // The lane's one request leaves the list when it is freed.
+  auto over = [&] { return done(arg) || (core->requests.empty() && core->notes.empty()); };
+  while (!over()) {
+    Clock::time_point now, next;
+    Pass(*core, lock, &now, &next);
+    if (over()) break;
+    if (HasWork(*core)) continue;
+    WaitForWork(*core, lock, now, next);
+  }
+}
+
+void DetachFromParent(const std::shared_ptr<Handle>& parent) {
+  Core& core = *parent->core;
+  std::lock_guard<std::mutex> lock(core.mu);
+  const size_t queued = core.notes.size();
+  parent->children--;
+  MaybeFree(parent);
+  if (core.notes.size() != queued || core.finished || !core.detach.empty()) Wake(core);
+}
+
 void Wake(Core& core) {
   core.dirty = true;
-  if (std::this_thread::get_id() != core.loop_thread && core.multi && !core.finished) {
+  if (core.polling && core.multi && std::this_thread::get_id() != core.loop_thread) {
     curl_multi_wakeup(core.multi);
+    core.polling = false;  // one wake-up is enough
   }
+}
+
+bool AdvanceNow(Request& r) {
+  Advance(r);
+  return PendingCall(r.phase) == 0;
 }
 
 void StartSession(const std::shared_ptr<Core>& core) {
@@ -378,12 +470,13 @@ void StartSession(const std::shared_ptr<Core>& core) {
     }
   }
   auto ended = std::make_shared<std::atomic<bool>>(false);
-  list.push_back({std::thread([core, ended] {
-                    pthread_setname_np(pthread_self(), kEventThreadName);
-                    Loop(core);
-                    ended->store(true);
-                  }),
-                  ended});
+  std::thread thread([core, ended] {
+    Loop(core);
+    ended->store(true);
+  });
+  // Named here, so that the thread shows its name as soon as the session is open.
+  pthread_setname_np(thread.native_handle(), kEventThreadName);
+  list.push_back({std::move(thread), ended});
 }
 
 void JoinSessions() {

@@ -215,7 +215,7 @@ HttpHandle HttpOpenRequest(HttpHandle connect, std::u16string_view verb,
                            std::u16string_view object_name, uint32_t flags) {
   const std::wstring v = W(verb), o = W(object_name);
   HINTERNET h = WinHttpOpenRequest(connect, OrNull(v), OrNull(o), nullptr, WINHTTP_NO_REFERER,
-                                   WINHTTP_DEFAULT_ACCEPT_TYPES, flags);
+                                   WINHTTP_DEFAULT_ACCEPT_TYPES, flags & ~kHttpFlagSenderDrives);
   if (h) Inherit(connect, h);
   return h;
 }
@@ -332,6 +332,9 @@ bool HttpReadData(HttpHandle request, void* buffer, uint32_t bytes_to_read) {
 }
 
 bool HttpCloseHandle(HttpHandle handle) { return WinHttpCloseHandle(handle) != FALSE; }
+
+// WinHTTP runs every exchange on its own threads.
+bool HttpDriveUntil(HttpHandle, bool (*)(void*), void*) { return false; }
 
 bool HttpCrackUrl(std::u16string_view url, bool decode, HttpUrlParts* parts, uint32_t capacity) {
   if (!parts || capacity == 0) {
