@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "os/posix/http_internal.h"
@@ -365,9 +367,8 @@ void Wake(Core& core) {
   }
 }
 
-void StartSession(const std::shared_ptr<Core>& core) {
-  Threads& t = g_threads.Get();
-  std::lock_guard<std::mutex> lock(t.mu);
+// Joins the threads whose loops have ended; t.mu held.
+void ReapEnded(Threads& t) {
   auto& list = t.entries;
   for (auto it = list.begin(); it != list.end();) {
     if (it->ended->load()) {
@@ -377,6 +378,26 @@ void StartSession(const std::shared_ptr<Core>& core) {
       ++it;
     }
   }
+}
+
+// At exit (or at the module's unload, for handlers a shared object registers), before
+// the module's own teardown: the threads of sessions that have ended are joined then,
+// so that none of them is still unjoined when the process's exit handlers look for
+// threads left behind. Sessions still open are left to JoinSessions.
+void ReapEndedAtExit() {
+  Threads* t = g_threads.Peek();
+  if (!t) return;
+  std::lock_guard<std::mutex> lock(t->mu);
+  ReapEnded(*t);
+}
+
+void StartSession(const std::shared_ptr<Core>& core) {
+  static std::once_flag at_exit;
+  std::call_once(at_exit, [] { std::atexit(ReapEndedAtExit); });
+  Threads& t = g_threads.Get();
+  std::lock_guard<std::mutex> lock(t.mu);
+  ReapEnded(t);
+  auto& list = t.entries;
   auto ended = std::make_shared<std::atomic<bool>>(false);
   list.push_back({std::thread([core, ended] {
                     pthread_setname_np(pthread_self(), kEventThreadName);
