@@ -4,12 +4,13 @@
 # make build  build both platforms
 # make tsan   build Linux with ThreadSanitizer and run every test program under it
 # make bench  build the benchmarks (Release, native), run them all and print the table
+# make scale  build Linux and run the load and stop tests at scale (minutes; not in make test)
 SHELL := /bin/bash
 JOBS  ?= $(shell nproc)
 B      = build
 GEN    = -G "Unix Makefiles"
 
-.PHONY: all bootstrap build linux windows asan tsan test demo bench clean
+.PHONY: all bootstrap build linux windows asan tsan test demo bench scale clean
 all: build
 
 bootstrap:
@@ -52,6 +53,10 @@ test: bootstrap
 	  scripts/run-tests.sh native $(B)/asan $(B)/results.txt
 	@scripts/run-tests.sh wine $(B)/win64 $(B)/results.txt $(B)/linux/bin/tdoc-emulator
 	@awk '{p+=$$1; f+=$$2} END {printf "%d passed, %d failed\n", p, f; exit (f > 0 || p == 0)}' $(B)/results.txt
+
+scale: $(B)/linux/Makefile
+	@cmake --build $(B)/linux -j$(JOBS) --target test_scale
+	@$(B)/linux/bin/test_scale
 
 bench:
 	@cmake -S . -B $(B)/bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DTPCSDK_BENCH=ON >/dev/null

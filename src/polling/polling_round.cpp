@@ -108,46 +108,10 @@ void TetherdocServer::StopPollingRound() {
 
 bool TetherdocServer::DecodePollingElement(PullMsgRecord& record, const Json::Value& element,
                                            CPullMsgThread* worker) {
-  if (!worker || !element.isObject()) return false;
-  const Json::Value& next = Member(element, "nextPollingTime");
-  if (!IsEmptyJson(next)) {
-    // A control element: its parameter is not read.
-    record.nextPollingTime = JsonInt(next);
-    ApplyNextPollingTime(*worker, record.nextPollingTime);
-    return false;
-  }
-  const Json::Value& parameter = Member(element, "parameter");
-  record.parameterText = ops::CompactJson(parameter);
-  if (!parameter.isObject()) return false;
-  record.nType = JsonInt(Member(parameter, "type"));
-  switch (record.nType) {
-    case 0:
-      record.nextPollingTime = JsonInt(Member(parameter, "nextPollingTime"));
-      break;
-    case kPullUpdate:
-      record.cVersionID = JsonText(Member(parameter, "cVersionID"));
-      record.cDocID = JsonText(Member(parameter, "cDocID"));
-      record.cLocalVersionId = JsonText(Member(parameter, "cLocalVersionId"));
-      break;
-    case kPullUserMessage:
-    case kPullRequestFile:
-    case kPullHomepage:
-    case kPullUntreatedNotify:
-      break;
-    case kPullAppMessage:
-    case kPullShareView:
-      record.cAppID = JsonText(Member(parameter, "cAppID"));
-      break;
-    case 106:
-      record.reviewSessionID = JsonText(Member(parameter, "reviewSessionID"));
-      break;
-    default:
-      return false;
-  }
-  record.messageCode = JsonInt(Member(element, "messageCode"));
-  record.data = Member(element, "data");
-  record.token = JsonText(Member(parameter, "token"));
-  return !record.token.empty();
+  if (!worker) return false;
+  const bool message = ReadPollingElement(record, element);
+  if (record.control) ApplyNextPollingTime(*worker, record.nextPollingTime);
+  return message;
 }
 
 void TetherdocServer::Internet_Polling(const char* lpcsParameterList) {

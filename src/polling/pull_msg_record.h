@@ -19,6 +19,12 @@ struct PullMsgRecord {
   std::string cLocalVersionId;   // type 101: the version the subscriber holds
   std::string parameterText;     // the echoed parameter, compact JSON
   int32_t nextPollingTime = 0;   // a control element's, or a type 0 parameter's
+  bool control = false;          // a control element: it sets the interval, nothing else
 };
+
+// Reads one element of a round's data. True for a message element of a known type
+// with a token; a control element (a non-empty nextPollingTime) sets `control` and
+// nextPollingTime and gives false, its parameter unread. Never throws.
+bool ReadPollingElement(PullMsgRecord& record, const Json::Value& element);
 
 }  // namespace tpcsdk

@@ -19,9 +19,7 @@
 #include <string>
 #include <string_view>
 
-namespace Json {
-class Value;
-}
+#include "web_service/api_directory.h"
 
 namespace tpcsdk {
 
@@ -29,14 +27,6 @@ class DiagnosticLog;
 
 // The current local time as "YYYY-MM-DD hh:mm:ss".
 std::string NowString();
-
-// True when `now` is less than 86,400 seconds after `cache_time` (a time in the
-// future is always fresh). Both texts are read by position with one index running
-// over `cache_time`: characters 0-3 give the year, up to 6 the month, up to 9 the
-// day, up to 13 the hour, up to 16 the minute and the rest the second; blanks, "-"
-// and ":" are left out. Characters missing from `now` count as absent, and those of
-// `now` past the end of `cache_time` are not read: an empty `cache_time` is fresh.
-bool IsCacheFresh(std::string_view cache_time, std::string_view now);
 
 // The host component of an http or https URL, as the HTTP client's URL cracking
 // gives it with escapes decoded (no scheme, user, port or path); empty when the URL

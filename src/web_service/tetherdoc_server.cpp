@@ -28,10 +28,6 @@ std::string U8(const std::u16string& s) { return Utf16ToUtf8(s); }
 // The debug text of every closing step of the frame.
 void DebugStopRequest() { os::DebugOutput(u"StopRequest"); }
 
-bool IsEmptyJson(const Json::Value& v) {
-  return v.isNull() || ((v.isArray() || v.isObject()) && v.size() == 0);
-}
-
 }  // namespace
 
 bool ReplaceFirst(std::u16string& text, std::u16string_view pattern,
@@ -145,25 +141,18 @@ int TetherdocServer::InitApi(const char16_t* host) {
     };
     if (!fromCache && nStatus != 200) return fail();
 
-    Json::Reader reader;
-    if (!fromCache && !reader.parse(text, root)) {
+    ApiTable table;
+    const ApiDirectoryStatus status = fromCache ? ReadApiDirectory(root, table) : ReadApiDirectory(text, table);
+    if (status == ApiDirectoryStatus::kNotJson) {
       if (m_pLog)
         m_pLog->Write("TetherdocServer::InitApi.  Parser URL Failed Host = %s", U8(wsHost).c_str());
       m_nApiReady = 0;
       return TDC_HRESULT_SERVICE_ERROR;
     }
-    m_mapApi.clear();
-    const Json::Value url = root.isObject() ? root["url"] : Json::Value();
-    LoadApiTable(u"url", url);
-    const Json::Value size = root.isObject() ? root["size"] : Json::Value();
-    const int64_t nSize = size.isConvertibleTo(Json::intValue) ? size.asInt() : 0;
-    if (nSize != static_cast<int64_t>(m_mapApi.size())) {
-      m_mapApi.clear();
-      return fail();
-    }
-    const Json::Value tws = root.isObject() ? root["twsConfig"] : Json::Value();
-    if (IsEmptyJson(tws)) return TDC_HRESULT_SERVICE_ERROR;
-    if (Json::FastWriter().write(tws).empty()) {
+    m_mapApi = std::move(table);
+    if (status == ApiDirectoryStatus::kSizeMismatch) return fail();
+    if (status == ApiDirectoryStatus::kNoTwsConfig) return TDC_HRESULT_SERVICE_ERROR;
+    if (status == ApiDirectoryStatus::kEmptyTwsConfig) {
       if (m_pLog)
         m_pLog->Write("TetherdocServer::InitApi  twsConfig is null : Host = %s", U8(wsHost).c_str());
       return TDC_HRESULT_FAILED;
@@ -204,13 +193,7 @@ void TetherdocServer::SetApiUrl(const std::u16string& fullKey, const std::u16str
 }
 
 void TetherdocServer::LoadApiTable(const std::u16string& prefix, const Json::Value& value) {
-  if (!value.isObject()) return;
-  for (auto it = value.begin(); it != value.end(); ++it) {
-    const Json::Value& member = *it;
-    // A member that is not a string has no URL to give.
-    const std::string url = member.isConvertibleTo(Json::stringValue) ? member.asString() : "";
-    m_mapApi[prefix + u"@" + Utf8ToUtf16(it.name())] = Utf8ToUtf16(url);
-  }
+  tpcsdk::LoadApiTable(m_mapApi, prefix, value);
 }
 
 // ---- request frame -------------------------------------------------------------

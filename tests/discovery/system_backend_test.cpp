@@ -2,6 +2,7 @@
 // library is asked for real, of a small DNS server on loopback that the test runs,
 // and the Kerberos backend reads a credential cache that the test writes.
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@
 
 #include <atomic>
 #include <cctype>
+#include <mutex>
 #include <thread>
 #endif
 
@@ -81,7 +83,11 @@ class LoopbackDns {
   }
 
   std::uint16_t port() const { return port_; }
-  void Add(const std::string& name, std::vector<Record> records) { zone_.push_back({Lower(name), records}); }
+  // The zone is read by the serving thread while the test adds to it.
+  void Add(const std::string& name, std::vector<Record> records) {
+    std::lock_guard<std::mutex> lock(zone_mutex_);
+    zone_.push_back({Lower(name), std::move(records)});
+  }
 
   static std::string Txt(const std::vector<std::string>& strings) {
     std::string data;
@@ -131,9 +137,12 @@ class LoopbackDns {
       }
       const size_t question_end = at + 5;
       if (question_end > static_cast<size_t>(n)) continue;
-      const std::vector<Record>* records = nullptr;
-      for (const auto& entry : zone_)
-        if (entry.first == Lower(name)) records = &entry.second;
+      std::optional<std::vector<Record>> records;
+      {
+        std::lock_guard<std::mutex> lock(zone_mutex_);
+        for (const auto& entry : zone_)
+          if (entry.first == Lower(name)) records = entry.second;
+      }
 
       std::string reply(reinterpret_cast<const char*>(query), 2);  // the query's id
       Put16(reply, records ? 0x8180 : 0x8183);                      // an answer, or no such name
@@ -158,6 +167,7 @@ class LoopbackDns {
   int socket_ = -1;
   int stop_[2] = {-1, -1};
   std::uint16_t port_ = 0;
+  std::mutex zone_mutex_;
   std::vector<std::pair<std::string, std::vector<Record>>> zone_;
   std::thread thread_;
 };

@@ -161,6 +161,14 @@ int Host::Bounded(const std::string& what, int timeout_ms, const std::function<i
     std::fprintf(stderr, "tdoc: %s: no answer within %d ms\n", what.c_str(), timeout_ms);
     std::fflush(stdout);
     std::fflush(stderr);
+    // A call that ended within the grace is joined; one still in the module is let go,
+    // as the process ends under it.
+    const bool ended = shared->done;
+    lock.unlock();
+    if (ended)
+      worker.join();
+    else
+      worker.detach();
     sys::HardExit(kExitNoAnswer);
   }
   lock.unlock();

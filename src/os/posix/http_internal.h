@@ -73,6 +73,8 @@ class LazyGlobal {
   }
   // The object, which the caller now owns; null when none was made.
   T* Take() { return ptr_.exchange(nullptr); }
+  // The object if one was made, still owned here.
+  T* Peek() const { return ptr_.load(std::memory_order_acquire); }
 
  private:
   std::atomic<T*> ptr_{nullptr};

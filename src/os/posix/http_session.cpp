@@ -339,18 +339,72 @@ void Loop(std::shared_ptr<Core> core) {
 }
 
 // The event threads of the process. A thread is joined once its loop has ended: the
-// next session to start reaps the ended ones, and JoinSessions the rest.
+// next session to start reaps the ended ones, the process's exit those that end then,
+// and JoinSessions the rest.
 struct Threads {
   std::mutex mu;
   struct Entry {
     std::thread thread;
     std::shared_ptr<std::atomic<bool>> ended;
+    std::weak_ptr<Core> core;
   };
   std::vector<Entry> entries;
 };
 
 // Freed by JoinSessions.
 LazyGlobal<Threads> g_threads;
+
+// Joins the threads whose loops have ended; t.mu held.
+void ReapEnded(Threads& t) {
+  auto& list = t.entries;
+  for (auto it = list.begin(); it != list.end();) {
+    if (it->ended->load()) {
+      it->thread.join();
+      it = list.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+// True when the session's loop has ended or is about to: its closing is queued, or the
+// application has closed the session, nothing below it is left, and the loop has yet
+// to take that up. A session whose children are still open does not end by itself.
+bool Ending(const Threads::Entry& e) {
+  if (e.ended->load()) return true;
+  const std::shared_ptr<Core> core = e.core.lock();
+  if (!core) return true;
+  std::lock_guard<std::mutex> lock(core->mu);
+  if (core->finished) return true;
+  for (const auto& h : core->to_close)
+    if (h->kind == Kind::kSession && h->children == 0) return true;
+  return false;
+}
+
+// At the process's exit, and at the module's unload before its own teardown (a static
+// object's end is registered for the module that holds it): the threads of sessions
+// that have ended, or are ending, are joined then. So none of them is still unjoined
+// when the process's exit handlers look for threads left behind. A session still open
+// keeps its thread for JoinSessions.
+struct ExitReaper {
+  ExitReaper() = default;
+  ExitReaper(const ExitReaper&) = delete;
+  ExitReaper& operator=(const ExitReaper&) = delete;
+  ~ExitReaper() {
+    Threads* t = g_threads.Peek();
+    if (!t) return;
+    std::lock_guard<std::mutex> lock(t->mu);
+    auto& list = t->entries;
+    for (auto it = list.begin(); it != list.end();) {
+      if (Ending(*it)) {
+        it->thread.join();
+        it = list.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+};
 
 }  // namespace
 
@@ -458,17 +512,11 @@ bool AdvanceNow(Request& r) {
 }
 
 void StartSession(const std::shared_ptr<Core>& core) {
+  static ExitReaper reaper;
   Threads& t = g_threads.Get();
   std::lock_guard<std::mutex> lock(t.mu);
+  ReapEnded(t);
   auto& list = t.entries;
-  for (auto it = list.begin(); it != list.end();) {
-    if (it->ended->load()) {
-      it->thread.join();
-      it = list.erase(it);
-    } else {
-      ++it;
-    }
-  }
   auto ended = std::make_shared<std::atomic<bool>>(false);
   std::thread thread([core, ended] {
     Loop(core);
@@ -476,7 +524,7 @@ void StartSession(const std::shared_ptr<Core>& core) {
   });
   // Named here, so that the thread shows its name as soon as the session is open.
   pthread_setname_np(thread.native_handle(), kEventThreadName);
-  list.push_back({std::move(thread), ended});
+  list.push_back({std::move(thread), ended, core});
 }
 
 void JoinSessions() {
