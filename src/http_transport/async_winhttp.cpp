@@ -1,6 +1,7 @@
 #include "http_transport/async_winhttp.h"
 
 #include <new>
+#include <utility>
 
 #include "http_transport/winhttp_handles.h"
 
@@ -52,14 +53,30 @@ bool CAsyncWinHttp::SendRequest(const std::u16string& headers, const std::string
 }
 
 void CAsyncWinHttp::CloseRequest() {
+  BeginClose();
+  FinishClose();
+}
+
+void CAsyncWinHttp::BeginClose() {
   WinHttpRequest* request = nullptr;
   {
     std::lock_guard<std::mutex> lock(m_lock);
     m_bStopped = true;
     request = m_pRequest.get();
+    m_pClosing = request;
   }
   // Set once and deleted only by the owner, so the request outlives this closing.
-  if (request) request->Close();
+  if (request) request->BeginClose();
+}
+
+void CAsyncWinHttp::FinishClose() {
+  WinHttpRequest* request = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    std::swap(request, m_pClosing);
+  }
+  // A request made after BeginClose is not this closing's: its sender sees the stop.
+  if (request) request->FinishClose();
 }
 
 bool CAsyncWinHttp::WaitForStatus(std::chrono::milliseconds bound) {

@@ -40,6 +40,9 @@ class CAsyncWinHttp {
   // what was read. Frees a sender blocked in SendRequest; a sender that has not sent
   // yet never will.
   void CloseRequest();
+  // CloseRequest in two steps (see WinHttpRequest::BeginClose), for a stop of many.
+  void BeginClose();
+  void FinishClose();
   // Waits, at most `bound`, until the reply's status has arrived; true when it has.
   bool WaitForStatus(std::chrono::milliseconds bound);
 
@@ -59,6 +62,7 @@ class CAsyncWinHttp {
   uint64_t m_nCallbackData = 0;
   std::unique_ptr<WinHttpConnection> m_pConnection;
   std::unique_ptr<WinHttpRequest> m_pRequest;  // set once, under m_lock
+  WinHttpRequest* m_pClosing = nullptr;  // what BeginClose closed, for FinishClose
   DiagnosticLog* m_pLog = nullptr;
   mutable std::mutex m_lock;  // the request pointer and the stopped flag
   bool m_bStopped = false;    // CloseRequest ran, perhaps before there was a request

@@ -159,16 +159,29 @@ void WinHttpRequest::Complete() {
 }
 
 void WinHttpRequest::Close() {
+  BeginClose();
+  FinishClose();
+}
+
+void WinHttpRequest::BeginClose() {
   std::lock_guard<std::mutex> lock(m_closeLock);
   m_bStopped = true;
-  if (m_hHandle) {
+  if (m_hHandle && !m_bCloseIssued) {
     os::HttpCloseHandle(m_hHandle);
+    m_bCloseIssued = true;
+  }
+}
+
+void WinHttpRequest::FinishClose() {
+  std::lock_guard<std::mutex> lock(m_closeLock);
+  if (m_hHandle && m_bCloseIssued) {
     // The closing notification reaches this object only when the send gave it to the
     // client, and then it frees the sender too. Without that nothing would ever
     // signal: there is nothing to wait for, and a sender is freed here.
     if (m_bContextGiven) m_closed.Wait();
     else Complete();
     m_hHandle = nullptr;
+    m_bCloseIssued = false;
   }
   FreeBuffers();
 }

@@ -71,6 +71,11 @@ class WinHttpRequest final : public WinHttpHandle {
   // request, free what was read. Frees a sender blocked in Send, and stops a send
   // that has not started yet.
   void Close();
+  // Close in two steps, so that a stop of many requests closes every handle before it
+  // waits for any: BeginClose closes the handle, FinishClose does the rest of Close.
+  // Between the two the caller keeps the request alive and runs no other closer.
+  void BeginClose();
+  void FinishClose();
   // Waits, at most `bound`, until the reply's status has arrived; true when it has.
   bool WaitForStatus(std::chrono::milliseconds bound);
 
@@ -114,6 +119,7 @@ class WinHttpRequest final : public WinHttpHandle {
   std::mutex m_closeLock;
   bool m_bContextGiven = false;  // the send handed this object to the client
   bool m_bStopped = false;       // closed: a send that has not started never will
+  bool m_bCloseIssued = false;   // BeginClose closed the handle; FinishClose waits
 };
 
 }  // namespace tpcsdk
