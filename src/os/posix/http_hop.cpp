@@ -189,35 +189,6 @@ long TlsVersion(uint32_t protocols) {
   return min | max;
 }
 
-// Whether curl reads `url` as a URL. A thread sends the same few URLs over and over, so
-// it keeps the answer for the last one it asked about (when short enough to keep) and
-// parses only another. The copy is plain bytes: nothing to destroy when a thread ends,
-// so the module can still be unloaded.
-bool CurlCanParse(const std::string& url) {
-  struct Last {
-    char url[512];
-    size_t size;  // 0: nothing kept
-    bool parsable;
-  };
-  thread_local Last last{};
-  if (last.size != 0 && url.size() == last.size &&
-      std::memcmp(url.data(), last.url, last.size) == 0) {
-    return last.parsable;
-  }
-  bool parsable = false;
-  if (CURLU* u = curl_url()) {
-    parsable = curl_url_set(u, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK;
-    curl_url_cleanup(u);
-  }
-  last.size = 0;
-  if (!url.empty() && url.size() <= sizeof(last.url)) {
-    std::memcpy(last.url, url.data(), url.size());
-    last.size = url.size();
-    last.parsable = parsable;
-  }
-  return parsable;
-}
-
 // Sets every option of the hop's easy handle; the first refusal is the result.
 CURLcode Configure(Request& r, CURL* e) {
   const Settings& core = *r.core->settings;
@@ -225,7 +196,11 @@ CURLcode Configure(Request& r, CURL* e) {
   void* self = static_cast<void*>(&r);
   // The request line carries the target byte for byte; the URL given to curl only
   // names the server (and the path for cookies, when curl can parse it).
-  const bool parsable = CurlCanParse(hop.url);
+  bool parsable = false;
+  if (CURLU* u = curl_url()) {
+    parsable = curl_url_set(u, CURLUPART_URL, hop.url.c_str(), 0) == CURLUE_OK;
+    curl_url_cleanup(u);
+  }
   const std::string server_only = hop.base + "/";
   // The proxy was fixed when the session opened; "" keeps curl from the environment.
   // A plain request through a proxy names the whole URL on its request line.
