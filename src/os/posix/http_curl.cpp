@@ -31,10 +31,18 @@ thread_local uint32_t t_last_error = 0;
 
 // ---- the handle table -----------------------------------------------------------
 
+// Every entry point looks its handle up here, from every thread that makes calls, so
+// the table is split by id: the threads of a busy host mostly use handles of their own,
+// and each part has its own lock, so they seldom wait for one another.
 struct Table {
-  std::mutex mu;
-  std::unordered_map<uintptr_t, std::shared_ptr<Handle>> map;
-  uintptr_t next = 0x1000;
+  static constexpr size_t kParts = 64;
+  struct alignas(64) Part {
+    std::mutex mu;
+    std::unordered_map<uintptr_t, std::shared_ptr<Handle>> map;
+  };
+  std::atomic<uintptr_t> next{0x1000};
+  Part parts[kParts];
+  Part& Of(uintptr_t id) { return parts[(id >> 2) % kParts]; }
 };
 
 // Freed by EndAllSessions.
@@ -44,27 +52,29 @@ Table& Handles() { return g_table.Get(); }
 
 HttpHandle Register(const std::shared_ptr<Handle>& h) {
   Table& t = Handles();
-  std::lock_guard<std::mutex> lock(t.mu);
-  t.next += 4;
-  h->id = t.next;
-  t.map[h->id] = h;
+  h->id = t.next.fetch_add(4, std::memory_order_relaxed) + 4;
+  Table::Part& part = t.Of(h->id);
+  std::lock_guard<std::mutex> lock(part.mu);
+  part.map[h->id] = h;
   return reinterpret_cast<HttpHandle>(h->id);
 }
 
 std::shared_ptr<Handle> Lookup(HttpHandle handle) {
-  Table& t = Handles();
-  std::lock_guard<std::mutex> lock(t.mu);
-  auto it = t.map.find(reinterpret_cast<uintptr_t>(handle));
-  return it == t.map.end() ? nullptr : it->second;
+  const auto id = reinterpret_cast<uintptr_t>(handle);
+  Table::Part& part = Handles().Of(id);
+  std::lock_guard<std::mutex> lock(part.mu);
+  auto it = part.map.find(id);
+  return it == part.map.end() ? nullptr : it->second;
 }
 
 std::shared_ptr<Handle> Unregister(HttpHandle handle) {
-  Table& t = Handles();
-  std::lock_guard<std::mutex> lock(t.mu);
-  auto it = t.map.find(reinterpret_cast<uintptr_t>(handle));
-  if (it == t.map.end()) return nullptr;
+  const auto id = reinterpret_cast<uintptr_t>(handle);
+  Table::Part& part = Handles().Of(id);
+  std::lock_guard<std::mutex> lock(part.mu);
+  auto it = part.map.find(id);
+  if (it == part.map.end()) return nullptr;
   std::shared_ptr<Handle> h = std::move(it->second);
-  t.map.erase(it);
+  part.map.erase(it);
   return h;
 }
 
@@ -358,9 +368,11 @@ void EndAllSessions() {
   std::vector<std::shared_ptr<Handle>> open;
   {
     Table& t = Handles();
-    std::lock_guard<std::mutex> lock(t.mu);
-    for (auto& entry : t.map) open.push_back(std::move(entry.second));
-    t.map.clear();
+    for (Table::Part& part : t.parts) {
+      std::lock_guard<std::mutex> lock(part.mu);
+      for (auto& entry : part.map) open.push_back(std::move(entry.second));
+      part.map.clear();
+    }
   }
   for (const auto& h : open) {
     std::unique_lock<std::mutex> lock(h->core->mu);

@@ -19,6 +19,10 @@ namespace tpcsdk::os::curlhttp {
 
 namespace {
 
+// Bodies up to this size go to curl whole, to leave in the head's write. curl joins a
+// body to the head only below 64 KiB; the bound stays well under it.
+constexpr size_t kInlineBodyMax = 16 * 1024;
+
 // ---- curl's callbacks --------------------------------------------------------------
 
 size_t OnRead(char* out, size_t size, size_t count, void* p) {
@@ -65,6 +69,8 @@ int OnPrereq(void* p, char* primary_ip, char*, int, int) {
   Request& r = *static_cast<Request*>(p);
   r.hop.prereq_fired = true;
   r.hop.t_io = Clock::now();
+  // A small body leaves with the head, in the write that follows at once.
+  if (r.hop.inline_body) r.hop.upload_done = true;
   if (r.hop.socket_opened) {
     NotifyText(r, kHttpStatusConnectedToServer, primary_ip ? primary_ip : "");
   }
@@ -140,8 +146,10 @@ size_t OnWrite(char* data, size_t size, size_t count, void* p) {
 // ---- set-up of a hop ------------------------------------------------------------------
 
 // A hop without a body sends no Content-Length; any verb but GET and HEAD is named on
-// the request line as it stands.
-void SetMethod(CurlOptions& o, const Hop& hop, size_t body_size) {
+// the request line as it stands. A small body is handed over whole, so curl puts it in
+// the same write as the head (one send, one segment); a larger one is read piece by
+// piece, which times its sending.
+void SetMethod(CurlOptions& o, const Hop& hop, const std::string& body) {
   if (hop.verb == "HEAD") {
     o.Set(CURLOPT_NOBODY, 1L);
   } else if (!hop.has_body) {
@@ -149,7 +157,8 @@ void SetMethod(CurlOptions& o, const Hop& hop, size_t body_size) {
     if (hop.verb != "GET") o.Set(CURLOPT_CUSTOMREQUEST, hop.verb.c_str());
   } else {
     o.Set(CURLOPT_POST, 1L);
-    o.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_size));
+    o.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+    if (hop.inline_body) o.Set(CURLOPT_POSTFIELDS, body.data());
     if (hop.verb != "POST") o.Set(CURLOPT_CUSTOMREQUEST, hop.verb.c_str());
   }
 }
@@ -209,7 +218,7 @@ CURLcode Configure(Request& r, CURL* e) {
       .Set(CURLOPT_PROTOCOLS_STR, "http,https")
       .Set(CURLOPT_HTTPHEADER, r.header_list);
   if (!core.agent.empty()) o.Set(CURLOPT_USERAGENT, core.agent.c_str());
-  SetMethod(o, hop, hop.has_body ? r.body.size() : 0);
+  SetMethod(o, hop, r.body);
   o.Set(CURLOPT_READFUNCTION, OnRead)
       .Set(CURLOPT_READDATA, self)
       .Set(CURLOPT_SEEKFUNCTION, OnSeek)
@@ -247,6 +256,7 @@ uint32_t StartHop(Request& r) {
   hop.header_bytes = 0;
   r.body_offset = 0;
   hop.upload_done = !hop.has_body || r.body.empty();
+  hop.inline_body = hop.has_body && !r.body.empty() && r.body.size() <= kInlineBodyMax;
   hop.t_start = hop.t_io = Clock::now();
   hop.url = hop.base + hop.target;
 
@@ -338,15 +348,25 @@ uint32_t CertificateFailureFlags(CURL* easy, CURLcode code) {
   }
 }
 
+// Bytes of the hop's head as curl sent them; 0 when not known yet. An inline body went
+// out in the same write and is counted there too.
+uint32_t HeadBytesSent(const Request& r) {
+  long sent = 0;
+  if (!r.hop.easy || curl_easy_getinfo(r.hop.easy, CURLINFO_REQUEST_SIZE, &sent) != CURLE_OK ||
+      sent <= 0) {
+    return 0;
+  }
+  size_t head = static_cast<size_t>(sent);
+  if (r.hop.inline_body && head > r.body.size()) head -= r.body.size();
+  return static_cast<uint32_t>(head);
+}
+
 }  // namespace
 
 void EndTransfer(Request& r, bool reusable) {
   CURL* e = r.hop.easy;
   if (!e) return;
-  long sent = 0;
-  if (curl_easy_getinfo(e, CURLINFO_REQUEST_SIZE, &sent) == CURLE_OK && sent > 0) {
-    r.request_bytes = static_cast<uint32_t>(sent);
-  }
+  if (const uint32_t head = HeadBytesSent(r)) r.request_bytes = head;
   curl_multi_remove_handle(r.core->multi, e);
   // Only a handle whose plain transfer ran to its end is reset for the next: one left
   // before it began, or one that spoke TLS, keeps state a reset does not give back.
@@ -371,11 +391,7 @@ void FailTransfer(Request& r, uint32_t error) {
 }
 
 uint32_t RequestHeadBytes(const Request& r) {
-  long sent = 0;
-  if (r.hop.easy && curl_easy_getinfo(r.hop.easy, CURLINFO_REQUEST_SIZE, &sent) == CURLE_OK &&
-      sent > 0) {
-    return static_cast<uint32_t>(sent);
-  }
+  if (const uint32_t head = HeadBytesSent(r)) return head;
   return r.request_bytes;
 }
 

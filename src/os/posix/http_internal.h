@@ -155,6 +155,9 @@ struct Hop {
   std::string verb;
   std::string request_line;  // kept alive for curl
   bool has_body = false;
+  // The body goes to curl as one block (a small body): curl sends it in the same write
+  // as the head, and counts it in the request's size.
+  bool inline_body = false;
   bool socket_opened = false;
   bool prereq_fired = false;
   bool upload_done = false;
