@@ -1,6 +1,7 @@
-// The module loaded, used and unloaded again and again by one host process. After each
-// dlclose the module must be gone from the process, and with it every thread it
-// started: a thread left behind would run unmapped code.
+// The module loaded, used and unloaded again and again by one host process, idle, after
+// a stalled call was stopped, and with the polling worker's round held by the service.
+// After each dlclose the module must be gone from the process, and with it every
+// thread it started: a thread left behind would run unmapped code.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -58,7 +59,12 @@ bool StillMapped() {
   return again != nullptr;
 }
 
-class ModuleUnload : public ::testing::TestWithParam<bool> {
+enum class InFlight { kNothing, kStalledCallEnded, kPollingRoundHeld };
+
+int IgnoreMessage(int32_t, PullMsgBuffer*, const char*, void*) { return 0; }
+int IgnoreError(int32_t, const char*, const char*, void*) { return 0; }
+
+class ModuleUnload : public ::testing::TestWithParam<InFlight> {
  protected:
   void SetUp() override {
     appdata_ = std::make_unique<testkit::ScopedEnv>("TPCSDK_APPDATA_DIR", dir_.path().string());
@@ -71,7 +77,15 @@ class ModuleUnload : public ::testing::TestWithParam<bool> {
 // directory fetch stalled until the server drops it, then unload.
 TEST_P(ModuleUnload, EachUnloadTakesTheModuleAndItsThreadsAway) {
   TESTKIT_EMULATOR_OR_SKIP(emu);
-  const bool stall = GetParam();
+  const InFlight in_flight = GetParam();
+  // A held round waits a polling interval (a second) to start; fewer cycles do.
+  const int cycles = in_flight == InFlight::kPollingRoundHeld ? 5 : kCycles;
+  if (in_flight == InFlight::kPollingRoundHeld) {
+    Json::Value config(Json::objectValue);
+    config["minimumPollingTime"] = 1;
+    config["maxPollingNotResultCount"] = 250;
+    ASSERT_TRUE(emu->Call("POST", "polling/config", config)) << emu->last_error();
+  }
   const std::u16string host = tpcsdk::Utf8ToUtf16(emu->base_url());
   // Another name of the emulator: another client, with no cached directory.
   std::u16string other = host;
@@ -80,7 +94,7 @@ TEST_P(ModuleUnload, EachUnloadTakesTheModuleAndItsThreadsAway) {
   other.replace(at, 9, u"localhost");
   TDC_CLIENT_INFO info{"en-US", "", "Unload Test", "1.0"};
 
-  for (int cycle = 0; cycle < kCycles; ++cycle) {
+  for (int cycle = 0; cycle < cycles; ++cycle) {
     SCOPED_TRACE("cycle " + std::to_string(cycle));
     // No cached directory: every cycle goes to the network.
     std::filesystem::remove_all(dir_.path());
@@ -98,7 +112,7 @@ TEST_P(ModuleUnload, EachUnloadTakesTheModuleAndItsThreadsAway) {
     const size_t lanes = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
     ASSERT_EQ(HttpThreads(), lanes);
 
-    if (stall) {
+    if (in_flight == InFlight::kStalledCallEnded) {
       Json::Value rule;
       rule["method"] = "GET";
       rule["path"] = "/2.0.0.0/Unload Test/1.0/en-US/tdocApi.json";
@@ -115,13 +129,36 @@ TEST_P(ModuleUnload, EachUnloadTakesTheModuleAndItsThreadsAway) {
       EXPECT_EQ(call.get(), TDC_HRESULT_HTTP_ERROR);
     }
 
-    ASSERT_EQ(dlclose(module.handle), 0) << dlerror();
+    if (in_flight == InFlight::kPollingRoundHeld) {
+      ITetherdocServer* client = platform->GetServerByHost(reinterpret_cast<TDC_LPCWSTR>(host.c_str()));
+      ASSERT_EQ(client->SetSubscribtionCallback(IgnoreMessage, IgnoreError, nullptr), TDC_HRESULT_OK);
+      ASSERT_EQ(client->Internet_SetPollingConfig("", 0), TDC_HRESULT_OK);
+      ASSERT_EQ(client->SubscribeUser("tok"), TDC_HRESULT_OK);
+      ASSERT_NE(emu->FaultOnce("POST", "/tdocapi/v1/messages/polling", "stall_before_headers"), 0u)
+          << emu->last_error();
+      ASSERT_EQ(client->StartPolling(), TDC_HRESULT_OK);
+      ASSERT_TRUE(emu->WaitForStalls(1, 10000));
+    }
+
+    // The unload ends whatever the module still has going: it must come back.
+    auto unload = std::async(std::launch::async, [&] { return dlclose(module.handle); });
+    const bool returned = unload.wait_for(kBound) == std::future_status::ready;
+    if (!returned) emu->Release();  // let it finish, so the test can end
+    ASSERT_TRUE(returned) << "the unload waited for the service";
+    ASSERT_EQ(unload.get(), 0) << dlerror();
     ASSERT_FALSE(StillMapped());
     ASSERT_EQ(HttpThreads(), 0u);
+    emu->Release();
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Clients, ModuleUnload, ::testing::Values(false, true),
-                         [](const auto& info) { return info.param ? "StalledCallEnded" : "Idle"; });
+INSTANTIATE_TEST_SUITE_P(Clients, ModuleUnload,
+                         ::testing::Values(InFlight::kNothing, InFlight::kStalledCallEnded,
+                                           InFlight::kPollingRoundHeld),
+                         [](const auto& info) {
+                           return info.param == InFlight::kNothing             ? "Idle"
+                                  : info.param == InFlight::kStalledCallEnded ? "StalledCallEnded"
+                                                                               : "PollingRoundHeld";
+                         });
 
 }  // namespace
