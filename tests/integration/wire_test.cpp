@@ -248,7 +248,8 @@ INSTANTIATE_TEST_SUITE_P(
                       ReplyCase{"ServerError", 500, R"({"ret":0})", TDC_HRESULT_HTTP_ERROR}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(Wire, BodyInChunksArrivesWholeAndAZeroByteCutsTheText) {
+// (Zero bytes, resets and the other broken replies: the fault matrix.)
+TEST_F(Wire, BodyInChunksArrivesWhole) {
   TESTKIT_EMULATOR_OR_SKIP(emu);
   auto client = ReadyClient(emu);
   const std::u16string url = client->GetApiUrl(u"url", u"tdc_server_option_config");
@@ -261,7 +262,7 @@ TEST_F(Wire, BodyInChunksArrivesWholeAndAZeroByteCutsTheText) {
   rule["path"] = path;
   rule["status"] = 200;
   rule["body"] = Json::FastWriter().write(body);
-  rule["times"] = 2;
+  rule["times"] = 1;
   ASSERT_NE(emu->Script(rule), 0u);
   Json::Value chunks;
   chunks["count"] = 3;
@@ -269,29 +270,13 @@ TEST_F(Wire, BodyInChunksArrivesWholeAndAZeroByteCutsTheText) {
   Json::Value reply;
   ASSERT_EQ(client->RequestJson(reply, url, u"GET", ""), TDC_HRESULT_OK);
   EXPECT_EQ(reply["data"]["text"].asString(), body["data"]["text"].asString());
-
-  // A zero byte inside the JSON leaves an unfinished text: not an object.
-  Json::Value zero;
-  zero["at"] = 10;
-  ASSERT_NE(emu->FaultOnce("GET", path, "zero_byte", zero), 0u);
-  EXPECT_EQ(client->RequestJson(reply, url, u"GET", ""), TDC_HRESULT_SERVICE_ERROR);
 }
 
-TEST_F(Wire, ResetBeforeHeadersGivesHttpErrorAndLongComponentsCannotStart) {
+TEST_F(Wire, LongComponentsCannotStart) {
   TESTKIT_EMULATOR_OR_SKIP(emu);
   auto client = ReadyClient(emu);
   const std::string path = "/tdocapi/v1/server/time";
-  // A client may send once more on a fresh connection when a kept-alive one is reset
-  // before any reply; the second reset ends the call.
-  Json::Value reset;
-  reset["method"] = "GET";
-  reset["path"] = path;
-  reset["kind"] = "reset_before_headers";
-  reset["times"] = 2;
-  ASSERT_NE(emu->Fault(reset), 0u);
   Json::Value reply;
-  EXPECT_EQ(client->RequestJson(reply, Url(emu, path), u"GET", ""), TDC_HRESULT_HTTP_ERROR);
-
   const size_t before = emu->Requests().size();
   EXPECT_EQ(client->RequestJson(reply, Url(emu, path + "?q=" + std::string(1100, 'a')), u"GET", ""),
             TDC_HRESULT_FAILED);

@@ -370,18 +370,6 @@ TEST(Tdoc, DemoWalksTheLifeCycle) {
 
 // ---- watch: messages as JSON lines until stopped.
 
-TEST(Tdoc, WatchStopsCleanly) {
-  TESTKIT_EMULATOR_OR_SKIP(emu);
-  const Outcome o = RunTdoc({"watch", "--host", emu->base_url(), "--token", "T1", "--seconds", "1"}, 60000);
-  if (o.exit == 12 && o.err.find("gave -2") != std::string::npos)
-    GTEST_SKIP() << "this module does not poll yet: " << o.err;
-  EXPECT_EQ(o.exit, 0) << Describe(o);
-  EXPECT_NE(o.err.find("watch stopped"), std::string::npos) << Describe(o);
-  // Every line on standard output is one JSON object.
-  std::istringstream lines(o.out);
-  for (std::string line; std::getline(lines, line);) EXPECT_TRUE(ParseJson(line).isObject()) << line;
-}
-
 TEST(Tdoc, WatchPrintsAPostedMessage) {
   TESTKIT_EMULATOR_OR_SKIP(emu);
   ASSERT_TRUE(emu->SeedUser("u1", "T1", "ann@example.test")) << emu->last_error();
