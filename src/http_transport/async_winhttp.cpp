@@ -20,6 +20,8 @@ CAsyncWinHttp::~CAsyncWinHttp() {
 
 void CAsyncWinHttp::EnsureSession(const std::u16string& agent) { WinHttpSession::Create(agent); }
 
+bool CAsyncWinHttp::HasSession() { return WinHttpSession::Instance() != nullptr; }
+
 bool CAsyncWinHttp::Connect(const std::u16string& url) {
   m_pfnResult = nullptr;
   m_nCallbackData = 0;
@@ -94,6 +96,11 @@ bool CAsyncWinHttp::HasRequest() const { return Request() != nullptr; }
 std::u16string CAsyncWinHttp::ResponseText() const {
   const WinHttpRequest* request = Request();
   return request ? request->ResponseText() : std::u16string();
+}
+
+std::string CAsyncWinHttp::ResponseUtf8() const {
+  const WinHttpRequest* request = Request();
+  return request ? request->ResponseUtf8() : std::string();
 }
 
 std::u16string CAsyncWinHttp::SecondText() const {

@@ -30,6 +30,8 @@ class CAsyncWinHttp {
 
   // Opens the process-wide session with agent unless one exists.
   static void EnsureSession(const std::u16string& agent);
+  // True once the process-wide session exists.
+  static bool HasSession();
 
   bool Connect(const std::u16string& url);
   // Runs the exchange to its end; true when it ended (see the request for what came).
@@ -50,6 +52,8 @@ class CAsyncWinHttp {
   // What the exchange left: false when no request was ever made.
   bool HasRequest() const;
   std::u16string ResponseText() const;
+  // The response text in UTF-8, for a reader of the reply that takes UTF-8 anyway.
+  std::string ResponseUtf8() const;
   std::u16string SecondText() const;
   int32_t StatusCode() const;
   // The thread that made the object, the one that sends and then waits on it.

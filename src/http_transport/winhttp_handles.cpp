@@ -98,6 +98,8 @@ bool WinHttpRequest::Open(WinHttpConnection* connection, const std::u16string& m
   m_nChunkSize = m_nTotalSize = 0;
   m_readBuffer.clear();
   m_wsResponse.clear();
+  m_sBody.clear();
+  m_bBodyText = false;
   m_wsSecond.clear();
   m_nStatusCode = 0;
   m_pConnection = connection;
@@ -261,19 +263,23 @@ int32_t WinHttpRequest::HandleNotification(uint32_t status, void* information, u
 }
 
 int32_t WinHttpRequest::QueryResponseHeaders() {
-  uint32_t size = 0;
-  if (!os::HttpQueryHeaders(m_hHandle, os::kHttpQueryRawHeadersCrlf, nullptr, nullptr, &size,
-                            nullptr) &&
-      os::HttpLastError() != os::kHttpErrorInsufficientBuffer) {
-    return -1;
+  // Asked once into room on the stack that fits the usual head; a larger one is asked
+  // again with the size the first answer gave.
+  char16_t room[1024];
+  uint32_t bytes = sizeof(room);
+  if (os::HttpQueryHeaders(m_hHandle, os::kHttpQueryRawHeadersCrlf, nullptr, room, &bytes,
+                           nullptr)) {
+    m_wsResponse.assign(room);  // up to its terminating zero, as the larger case
+  } else {
+    if (os::HttpLastError() != os::kHttpErrorInsufficientBuffer) return -1;
+    std::u16string raw(bytes / sizeof(char16_t) + 1, u'\0');
+    bytes = static_cast<uint32_t>(raw.size() * sizeof(char16_t));
+    if (!os::HttpQueryHeaders(m_hHandle, os::kHttpQueryRawHeadersCrlf, nullptr, raw.data(),
+                              &bytes, nullptr)) {
+      return -1;
+    }
+    m_wsResponse.assign(raw.c_str());
   }
-  std::u16string raw(size / sizeof(char16_t) + 1, u'\0');
-  uint32_t bytes = static_cast<uint32_t>(raw.size() * sizeof(char16_t));
-  if (!os::HttpQueryHeaders(m_hHandle, os::kHttpQueryRawHeadersCrlf, nullptr, raw.data(), &bytes,
-                            nullptr)) {
-    return -1;
-  }
-  m_wsResponse.assign(raw.c_str());
 
   char16_t code[512] = {};
   uint32_t codeBytes = 512;
@@ -322,11 +328,22 @@ void WinHttpRequest::GatherChunk(char* piece, uint32_t length) {
 void WinHttpRequest::FinishBody() {
   // An empty body never completes the exchange: only a closing frees the sender.
   if (m_nTotalSize == 0) return;
-  // The body is text; anything behind a zero byte is dropped.
+  // The body is text; anything behind a zero byte is dropped. It stays in UTF-8 until
+  // someone asks for it in UTF-16.
   const size_t end = m_readBuffer.find('\0');
-  m_wsResponse = Utf8ToUtf16(std::string_view(m_readBuffer).substr(0, end));
+  if (end != std::string::npos) m_readBuffer.resize(end);
+  m_sBody.swap(m_readBuffer);
   m_readBuffer.clear();
+  m_bBodyText = true;
   Complete();
+}
+
+std::u16string WinHttpRequest::ResponseText() const {
+  return m_bBodyText ? Utf8ToUtf16(m_sBody) : m_wsResponse;
+}
+
+std::string WinHttpRequest::ResponseUtf8() const {
+  return m_bBodyText ? ValidUtf8(m_sBody) : Utf16ToUtf8(m_wsResponse);
 }
 
 }  // namespace tpcsdk

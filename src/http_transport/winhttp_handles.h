@@ -82,7 +82,10 @@ class WinHttpRequest final : public WinHttpHandle {
   // One notification of the exchange; the client never runs two at once.
   int32_t OnCallback(uint32_t status, void* information, uint32_t length);
 
-  const std::u16string& ResponseText() const { return m_wsResponse; }
+  // The text of the reply: its body when one came, otherwise its raw headers.
+  std::u16string ResponseText() const;
+  // The same text in UTF-8, as a trip through UTF-16 would leave it.
+  std::string ResponseUtf8() const;
   const std::u16string& SecondText() const { return m_wsSecond; }
   int32_t StatusCode() const { return m_nStatusCode.load(); }
   void SetLog(DiagnosticLog* log) { m_pLog = log; }
@@ -103,7 +106,9 @@ class WinHttpRequest final : public WinHttpHandle {
   uint32_t m_nTotalSize = 0;
   std::string m_readBuffer;       // the body so far
   char* m_pPendingPiece = nullptr;  // lent to the client until its read completes
-  std::u16string m_wsResponse;
+  std::u16string m_wsResponse;  // the raw headers
+  std::string m_sBody;          // the body, up to a zero byte, in UTF-8
+  bool m_bBodyText = false;     // the body, not the headers, is the reply's text
   std::u16string m_wsSecond;
   std::atomic<int32_t> m_nStatusCode{0};  // also read by waiters while in flight
   std::mutex m_statusLock;                // with m_statusArrived: the status came

@@ -30,16 +30,19 @@ constexpr std::initializer_list<int32_t> kVersionRejected = {110001, 110002, 110
 // one left out goes on the wire as an empty string.
 template <class Info>
 void PutDocumentMembers(Json::Value& body, const Info& info) {
-  body["cAppID"] = WideJson(info.cAppID);
-  body["cDocID"] = WideJson(info.cDocID);
-  body["docName"] = WideJson(info.docName);
-  body["createTime"] = WideJson(info.createTime);
-  body["modifiedTime"] = WideJson(info.modifiedTime);
-  body["parentID"] = WideJson(info.parentID);
-  body["cUserID"] = WideJson(info.cUserID);
-  body["originalAuthor"] = WideJson(info.originalAuthor);
-  body["originalFilename"] = WideJson(info.originalFilename);
-  body["connectedNotification"] = WideJson(info.connectedNotification);
+  // The names are the program's own constants, so the object refers to them instead of
+  // keeping copies.
+  using Name = Json::StaticString;
+  body[Name("cAppID")] = WideJson(info.cAppID);
+  body[Name("cDocID")] = WideJson(info.cDocID);
+  body[Name("docName")] = WideJson(info.docName);
+  body[Name("createTime")] = WideJson(info.createTime);
+  body[Name("modifiedTime")] = WideJson(info.modifiedTime);
+  body[Name("parentID")] = WideJson(info.parentID);
+  body[Name("cUserID")] = WideJson(info.cUserID);
+  body[Name("originalAuthor")] = WideJson(info.originalAuthor);
+  body[Name("originalFilename")] = WideJson(info.originalFilename);
+  body[Name("connectedNotification")] = WideJson(info.connectedNotification);
 }
 
 // The stored versions URL with the caller's token in place of its placeholder;

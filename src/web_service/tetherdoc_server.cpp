@@ -232,6 +232,21 @@ std::u16string TetherdocServer::BuildRequestHeaders() const {
          u")\r\nAccept-Language: " + al + u"\r\n";
 }
 
+std::u16string TetherdocServer::RequestHeaders() const {
+  {
+    std::lock_guard<std::mutex> lock(m_lockLanguage);
+    if (!m_wsHeaders.empty() && m_headersLanguage == m_al) return m_wsHeaders;
+  }
+  // Built outside the lock (it takes the language itself); a language set meanwhile
+  // is seen by the next request.
+  const std::string language = Language();
+  std::u16string headers = BuildRequestHeaders();
+  std::lock_guard<std::mutex> lock(m_lockLanguage);
+  m_wsHeaders = headers;
+  m_headersLanguage = language;
+  return headers;
+}
+
 CAsyncWinHttp* TetherdocServer::BeginRequest(const std::u16string& url,
                                              const std::u16string& method,
                                              const std::string& body) {
@@ -239,9 +254,9 @@ CAsyncWinHttp* TetherdocServer::BeginRequest(const std::u16string& url,
   CallHold hold(*this, CallHold::kNew);  // goes with the request to EndRequest
   std::unique_ptr<CAsyncWinHttp> request(new (std::nothrow) CAsyncWinHttp());
   if (!request) return nullptr;
-  // The first request of the process opens the session with its agent; the agent is
-  // built every time and then dropped, as later requests share that session.
-  CAsyncWinHttp::EnsureSession(BuildUserAgent());
+  // The first request of the process opens the session with its agent; later
+  // requests share that session, so only a request that finds none builds one.
+  if (!CAsyncWinHttp::HasSession()) CAsyncWinHttp::EnsureSession(BuildUserAgent());
   request->SetLog(m_pLog);
   CAsyncWinHttp* const listed = request.get();
   {
@@ -262,7 +277,7 @@ CAsyncWinHttp* TetherdocServer::BeginRequest(const std::u16string& url,
       DebugStopRequest();
       listed->CloseRequest();
     });
-    if (!listed->SendRequest(BuildRequestHeaders(), body, method)) return nullptr;
+    if (!listed->SendRequest(RequestHeaders(), body, method)) return nullptr;
     close.Keep();
   }
   delist.Keep();
@@ -270,8 +285,8 @@ CAsyncWinHttp* TetherdocServer::BeginRequest(const std::u16string& url,
   return request.release();
 }
 
-int TetherdocServer::EndRequest(CAsyncWinHttp* request, std::u16string& responseBody,
-                                std::u16string& responseExtra) {
+template <class Take>
+int TetherdocServer::FinishRequest(CAsyncWinHttp* request, Take&& take) {
   if (m_pLog) m_pLog->Write("TetherdocServer::EndRequest.");
   if (!request) return -1;
   CallHold hold(*this, CallHold::kAdopt);         // let go last
@@ -282,8 +297,7 @@ int TetherdocServer::EndRequest(CAsyncWinHttp* request, std::u16string& response
   }
   int status = -1;
   if (owned->HasRequest()) {
-    responseBody = owned->ResponseText();
-    responseExtra = owned->SecondText();
+    take(*owned);
     status = owned->StatusCode();
   }
   DebugStopRequest();
@@ -291,17 +305,30 @@ int TetherdocServer::EndRequest(CAsyncWinHttp* request, std::u16string& response
   return status;
 }
 
+int TetherdocServer::EndRequest(CAsyncWinHttp* request, std::u16string& responseBody,
+                                std::u16string& responseExtra) {
+  return FinishRequest(request, [&](const CAsyncWinHttp& done) {
+    responseBody = done.ResponseText();
+    responseExtra = done.SecondText();
+  });
+}
+
+int TetherdocServer::EndRequest(CAsyncWinHttp* request, std::string& responseBody) {
+  return FinishRequest(request,
+                       [&](const CAsyncWinHttp& done) { responseBody = done.ResponseUtf8(); });
+}
+
 int TetherdocServer::RequestJson(Json::Value& reply, const std::u16string& url,
                                  const std::u16string& method, const std::string& body) {
   CAsyncWinHttp* request = BeginRequest(url, method, body);
   if (!request) return TDC_HRESULT_FAILED;
-  std::u16string text, extra;
-  const int status = EndRequest(request, text, extra);
+  std::string text;
+  const int status = EndRequest(request, text);
   if (status == 403) return TDC_HRESULT_FORBIDDEN;
   if (status != 200) return TDC_HRESULT_HTTP_ERROR;
 
   Json::Reader reader;
-  const bool parsed = reader.parse(U8(text), reply);
+  const bool parsed = reader.parse(text, reply);
   if (!parsed || !reply.isObject()) {
     return TDC_HRESULT_SERVICE_ERROR;  // an unparsed or non-object reply has no ret
   }

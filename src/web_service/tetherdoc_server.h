@@ -82,10 +82,14 @@ class TetherdocServer final : public ITetherdocServer {
   std::u16string BuildClientQuery() const;
   std::u16string BuildUserAgent() const;
   std::u16string BuildRequestHeaders() const;
+  // BuildRequestHeaders' text, built again only when the language has changed.
+  std::u16string RequestHeaders() const;
   CAsyncWinHttp* BeginRequest(const std::u16string& url, const std::u16string& method,
                               const std::string& body);
   int EndRequest(CAsyncWinHttp* request, std::u16string& responseBody,
                  std::u16string& responseExtra);
+  // EndRequest for a caller that reads the body in UTF-8.
+  int EndRequest(CAsyncWinHttp* request, std::string& responseBody);
   int RequestJson(Json::Value& reply, const std::u16string& url, const std::u16string& method,
                   const std::string& body);
   size_t PendingRequests();
@@ -223,8 +227,15 @@ class TetherdocServer final : public ITetherdocServer {
   int32_t m_nApiReady = 0;
   std::u16string m_wsDomain;
   std::u16string m_wsHost;
+  // EndRequest's steps; `take` copies what the caller wants out of the finished request.
+  template <class Take>
+  int FinishRequest(CAsyncWinHttp* request, Take&& take);
   std::string m_al;  // under m_lockLanguage
   mutable std::mutex m_lockLanguage;
+  // The request headers as last built, for the language they were built with; under
+  // m_lockLanguage.
+  mutable std::u16string m_wsHeaders;
+  mutable std::string m_headersLanguage;
   std::string m_an;
   std::string m_av;
   std::string m_cv;

@@ -17,6 +17,7 @@ class Utf8Valid : public ::testing::TestWithParam<Utf8Case> {};
 TEST_P(Utf8Valid, RoundTripsBothWays) {
   EXPECT_EQ(Utf8ToUtf16(GetParam().utf8), GetParam().utf16);
   EXPECT_EQ(Utf16ToUtf8(GetParam().utf16), GetParam().utf8);
+  EXPECT_EQ(tpcsdk::ValidUtf8(GetParam().utf8), GetParam().utf8);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -26,6 +27,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Utf8Case{"\xE2\x82\xAC 100", u"\u20AC 100"},
                       Utf8Case{"\xF0\x9F\x98\x80", u"\U0001F600"},
                       Utf8Case{"\xF4\x8F\xBF\xBF", u"\U0010FFFF"},
+                      Utf8Case{"\xEF\xBF\xBD", u"\uFFFD"},
                       Utf8Case{std::string("a\0b", 3), std::u16string(u"a\0b", 3)}));
 
 struct BadUtf8 {
@@ -37,6 +39,11 @@ class Utf8Invalid : public ::testing::TestWithParam<BadUtf8> {};
 
 TEST_P(Utf8Invalid, BecomesReplacementCharacters) {
   EXPECT_EQ(Utf8ToUtf16(GetParam().in), GetParam().out);
+  // Kept in UTF-8, the text is what a trip through UTF-16 makes of it, also behind a
+  // valid replacement character and a run of ASCII.
+  const std::string text = "ok \xEF\xBF\xBD " + GetParam().in + " end";
+  EXPECT_EQ(tpcsdk::ValidUtf8(text), Utf16ToUtf8(Utf8ToUtf16(text)));
+  EXPECT_NE(tpcsdk::ValidUtf8(text), text);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -13,6 +13,7 @@
 
 #include "kit/emulator_client.h"
 #include "kit/testkit.h"
+#include "support/base64.h"
 #include "support/out_buffer.h"
 #include "support/utf.h"
 #include "web_service/tetherdoc_server.h"
@@ -219,9 +220,16 @@ TEST(FrameOutOfMemory, HeadersThatCannotBeBuiltLeaveNoRequestListed) {
 
 TEST(FrameOutOfMemory, ReplyThatCannotBeCopiedStillClosesAndFreesItsRequest) {
   TESTKIT_EMULATOR_OR_SKIP(emu);
-  Json::Value big;
-  big["data"] = std::string(1 << 20, 'x');
-  ASSERT_NE(emu->ScriptJson("GET", "/big", big, 200, -1), 0u) << emu->last_error();
+  // A reply of 1 MiB with one byte that is not UTF-8: the text handed out is made
+  // through UTF-16, twice the size of the body, and only that copy is too large.
+  const std::string body = "{\"data\":\"" + std::string(1 << 20, 'x') + "\xff\"}";
+  Json::Value rule;
+  rule["method"] = "GET";
+  rule["path"] = "/big";
+  rule["status"] = 200;
+  rule["body_b64"] = tpcsdk::Base64Encode(body.data(), static_cast<std::int32_t>(body.size()));
+  rule["times"] = -1;
+  ASSERT_NE(emu->Script(rule), 0u) << emu->last_error();
   TetherdocServer client("en-US", "App", "1.0");
   const std::u16string url = tpcsdk::Utf8ToUtf16(emu->base_url() + "/big");
   Json::Value reply;

@@ -295,11 +295,16 @@ bool HeaderText(const Request& r, uint32_t level, const char16_t* name, uint32_t
 
 // Hands a caller's call to the event thread as the request's pending operation. A call
 // made on the event thread itself (from inside a notification) goes on at once; the
-// loop delivers what it queued as soon as the notification in progress returns.
+// loop delivers what it queued as soon as the notification in progress returns. What
+// it cannot finish now waits for curl's next work: the loop moves every request on after
+// each of curl's steps, so it needs no extra pass for it.
 bool Begin(Request& r, Phase pending) {
   r.phase = pending;
   Core& core = *r.core;
-  if (std::this_thread::get_id() == core.loop_thread && AdvanceNow(r)) return true;
+  if (std::this_thread::get_id() == core.loop_thread) {
+    AdvanceNow(r);
+    return true;
+  }
   Wake(core);
   return true;
 }

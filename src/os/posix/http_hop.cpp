@@ -189,6 +189,24 @@ long TlsVersion(uint32_t protocols) {
   return min | max;
 }
 
+// True for a hop whose URL curl's parser surely takes, so that it need not be asked:
+// a host name of letters, digits, dots and dashes, and a target of visible ASCII
+// starting with '/' (the target's escaping leaves no blank or control character).
+bool PlainUrl(const Hop& hop) {
+  const std::string& host = hop.host;
+  if (host.empty() || host.size() > 253 || host.front() == '.' || host.front() == '-') return false;
+  for (const char c : host) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '.' || c == '-';
+    if (!ok) return false;
+  }
+  if (hop.target.empty() || hop.target.front() != '/') return false;
+  for (const char c : hop.target) {
+    if (c <= 0x20 || c >= 0x7F) return false;
+  }
+  return true;
+}
+
 // Sets every option of the hop's easy handle; the first refusal is the result.
 CURLcode Configure(Request& r, CURL* e) {
   const Settings& core = *r.core->settings;
@@ -196,10 +214,12 @@ CURLcode Configure(Request& r, CURL* e) {
   void* self = static_cast<void*>(&r);
   // The request line carries the target byte for byte; the URL given to curl only
   // names the server (and the path for cookies, when curl can parse it).
-  bool parsable = false;
-  if (CURLU* u = curl_url()) {
-    parsable = curl_url_set(u, CURLUPART_URL, hop.url.c_str(), 0) == CURLUE_OK;
-    curl_url_cleanup(u);
+  bool parsable = PlainUrl(hop);
+  if (!parsable) {
+    if (CURLU* u = curl_url()) {
+      parsable = curl_url_set(u, CURLUPART_URL, hop.url.c_str(), 0) == CURLUE_OK;
+      curl_url_cleanup(u);
+    }
   }
   const std::string server_only = hop.base + "/";
   // The proxy was fixed when the session opened; "" keeps curl from the environment.
@@ -397,26 +417,25 @@ uint32_t RequestHeadBytes(const Request& r) {
 
 bool StartTransfer(Request& r) {
   r.started = true;
-  std::vector<std::string> lines = r.headers;
-  bool has_type = false;
-  for (const std::string& h : lines) {
+  auto append = [&r](const char* line) {
+    curl_slist* next = curl_slist_append(r.header_list, line);
+    if (next) r.header_list = next;
+    return next != nullptr;
+  };
+  bool has_type = false, listed = true;
+  for (const std::string& h : r.headers) {
     const size_t colon = h.find(':');
     if (colon != std::string::npos &&
         EqualsNoCase(TrimBlanks(std::string_view(h).substr(0, colon)), "Content-Type")) {
       has_type = true;
     }
+    listed = listed && append(h.c_str());
   }
   // curl's own additions that WinHTTP does not make.
-  lines.emplace_back("Accept:");
-  lines.emplace_back("Expect:");
-  if (!has_type) lines.emplace_back("Content-Type:");
-  for (const std::string& line : lines) {
-    curl_slist* next = curl_slist_append(r.header_list, line.c_str());
-    if (!next) {
-      FailTransfer(r, kHttpErrorNotEnoughMemory);
-      return false;
-    }
-    r.header_list = next;
+  listed = listed && append("Accept:") && append("Expect:") && (has_type || append("Content-Type:"));
+  if (!listed) {
+    FailTransfer(r, kHttpErrorNotEnoughMemory);
+    return false;
   }
   Hop& hop = r.hop;
   hop.secure = r.secure;

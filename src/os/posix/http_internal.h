@@ -33,7 +33,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -264,7 +263,11 @@ struct Settings {
 // mutex; the one tie across lanes, a connection's parent, is touched only under the
 // parent's lane's mutex (see DetachFromParent).
 struct Core {
-  Core() = default;
+  // Room for the notifications of a whole exchange, in each of the two batches.
+  Core() {
+    notes.reserve(12);
+    spare_notes.reserve(12);
+  }
   // The loop gives back the multi handle when it ends; this is for a lane whose loop
   // never started, and for a sender's lane, whose multi handle goes back to the pool.
   ~Core() {
@@ -290,8 +293,12 @@ struct Core {
   bool driving = false;
   CURL* spare = nullptr;  // a sender's lane: an easy handle done with, for the next hop
   std::vector<std::shared_ptr<Request>> requests;
+  std::vector<std::shared_ptr<Request>> passing;  // Pass's copy of `requests`
   std::vector<std::shared_ptr<Handle>> to_close;
-  std::deque<Note> notes;
+  // Queued notifications, in order. The room of a delivered batch is kept for the next
+  // (spare_notes), so a lane's steady traffic queues without allocating.
+  std::vector<Note> notes;
+  std::vector<Note> spare_notes;
   // Parents on another lane whose child has been freed; they learn of it once the
   // child's HANDLE_CLOSING has been delivered.
   std::vector<std::shared_ptr<Handle>> detach;

@@ -201,9 +201,17 @@ void MaybeFree(const std::shared_ptr<Handle>& h) {
 
 // Notifications delivered (by whichever thread): their handles' counts go down.
 // core->mu held.
-void Delivered(std::deque<Note>& notes) {
+void Delivered(Core& core, std::vector<Note>& notes) {
   for (Note& n : notes) n.owner->undelivered--;
   notes.clear();
+  if (notes.capacity() > core.spare_notes.capacity()) core.spare_notes.swap(notes);
+}
+
+// An empty batch to swap the queue into, with the room of an earlier one. core->mu held.
+std::vector<Note> TakeBatch(Core& core) {
+  std::vector<Note> batch;
+  batch.swap(core.spare_notes);
+  return batch;
 }
 
 // A request closed by the caller gives up what is pending on it and the caller's buffer.
@@ -249,8 +257,14 @@ bool Pass(Core& core, std::unique_lock<std::mutex>& lock, Clock::time_point* now
           Clock::time_point* next) {
   core.dirty = false;
   ProcessCloses(core);
-  // Work on a copy: a callback may close a request while the lock is dropped.
-  std::vector<std::shared_ptr<Request>> requests = core.requests;
+  // Work on a copy: a callback may close a request while the lock is dropped. The copy
+  // keeps its room from pass to pass; only the thread that runs the lane uses it.
+  std::vector<std::shared_ptr<Request>>& requests = core.passing;
+  requests.assign(core.requests.begin(), core.requests.end());
+  struct Release {
+    std::vector<std::shared_ptr<Request>>& held;
+    ~Release() { held.clear(); }  // whatever way the pass ends
+  } release{requests};
   for (const auto& r : requests) Advance(*r);
   int running = 0;
   curl_multi_perform(core.multi, &running);
@@ -271,7 +285,7 @@ bool Pass(Core& core, std::unique_lock<std::mutex>& lock, Clock::time_point* now
   bool finish = false;
   do {
     finish = core.finished;
-    std::deque<Note> notes;
+    std::vector<Note> notes = TakeBatch(core);
     notes.swap(core.notes);
     std::vector<std::shared_ptr<Handle>> detach;
     detach.swap(core.detach);
@@ -283,7 +297,7 @@ bool Pass(Core& core, std::unique_lock<std::mutex>& lock, Clock::time_point* now
     detach.clear();
     lock.lock();
     core.delivering = false;
-    Delivered(notes);
+    Delivered(core, notes);
   } while (!finish && !core.notes.empty() && core.to_close.empty());
   return finish;
 }
@@ -445,7 +459,7 @@ bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& l
   // curl's objects are the event thread's; a transfer under way is ended there.
   if (r && !served_here && (r->hop.easy || (r->started && !r->done))) return false;
   // What the close queues is taken aside; what others queued stays for the event thread.
-  std::deque<Note> mine;
+  std::vector<Note> mine = TakeBatch(core);
   if (!served_here) mine.swap(core.notes);
   if (r && served_here) EndTransfer(*r);
   if (r) GiveUp(*r);
@@ -455,8 +469,8 @@ bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& l
     lock.unlock();
     for (Note& n : mine) Deliver(n);
     lock.lock();
-    Delivered(mine);
   }
+  Delivered(core, mine);
   // A sender waiting in its lane's poll for a request that had nothing left to do
   // (a body that never ends the exchange) looks again, and finds it closed.
   if (core.own && core.driving) Wake(core);
