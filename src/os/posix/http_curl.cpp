@@ -344,15 +344,19 @@ Request::~Request() {
 }
 
 Settings::Idle Settings::TakeMulti() {
+  const std::thread::id me = std::this_thread::get_id();
   {
     std::lock_guard<std::mutex> lock(idle_mu);
     if (!idle.empty()) {
-      const Idle taken = idle.back();
-      idle.pop_back();
+      // The calling thread's own, when it left one; otherwise the last one left.
+      auto it = std::find_if(idle.rbegin(), idle.rend(), [&](const Idle& i) { return i.user == me; });
+      const auto at = it == idle.rend() ? idle.end() - 1 : std::prev(it.base());
+      const Idle taken = *at;
+      idle.erase(at);
       return taken;
     }
   }
-  return {curl_multi_init(), nullptr};
+  return {curl_multi_init(), nullptr, me};
 }
 
 void Settings::GiveBackMulti(Idle given) {
@@ -473,28 +477,45 @@ HttpHandle HttpConnect(HttpHandle session, std::u16string_view server, uint16_t 
 
 HttpHandle HttpOpenRequest(HttpHandle connect, std::u16string_view verb,
                            std::u16string_view object_name, uint32_t flags) {
-  return WithHandle<Connect>(connect, [&](const std::shared_ptr<Connect>& c) -> HttpHandle {
-    auto r = MakeChild<Request>(c);
+  // What needs no handle is made before the connection's lane is locked: every host
+  // thread opens its requests on the few lanes there are.
+  return Guarded([&]() -> HttpHandle {
+    std::string method = verb.empty() ? std::string("GET") : Narrow(verb);
+    std::string target = EscapeObjectName(object_name, flags);
+    std::shared_ptr<Core> lane;
     if (flags & kHttpFlagSenderDrives) {
-      auto lane = std::make_shared<Core>();
+      lane = std::make_shared<Core>();
       lane->own = true;
-      lane->settings = c->core->settings;
+    }
+    std::shared_ptr<Request> opened;
+    const bool linked = WithHandle<Connect>(connect, [&](const std::shared_ptr<Connect>& c) {
+      auto r = MakeChild<Request>(c);
+      if (lane) {
+        lane->settings = c->core->settings;
+        r->core = lane;
+      }
+      r->host = c->host;
+      r->port = c->port;
+      r->secure = (flags & kHttpFlagSecure) != 0;
+      r->verb = std::move(method);
+      r->target = std::move(target);
+      if (!lane) r->core->requests.push_back(r);
+      opened = std::move(r);
+      return true;
+    });
+    if (!linked) return nullptr;
+    // A lane of its own is the request's alone until the handle is given out.
+    if (lane) {
       const Settings::Idle taken = lane->settings->TakeMulti();
       lane->multi = taken.multi;
       lane->spare = taken.easy;
       if (!lane->multi) {
-        c->children--;
+        DetachFromParent(opened->parent);  // never given out: the connection lets it go
         return FailWith<HttpHandle>(kHttpErrorNotEnoughMemory);
       }
-      r->core = lane;
+      lane->requests.push_back(opened);
     }
-    r->host = c->host;
-    r->port = c->port;
-    r->secure = (flags & kHttpFlagSecure) != 0;
-    r->verb = verb.empty() ? std::string("GET") : Narrow(verb);
-    r->target = EscapeObjectName(object_name, flags);
-    r->core->requests.push_back(r);
-    return Register(r);
+    return Register(opened);
   });
 }
 

@@ -237,7 +237,6 @@ CURLcode Configure(Request& r, CURL* e) {
       .Set(CURLOPT_FOLLOWLOCATION, 0L)
       .Set(CURLOPT_PROTOCOLS_STR, "http,https")
       .Set(CURLOPT_HTTPHEADER, r.header_list);
-  if (!core.agent.empty()) o.Set(CURLOPT_USERAGENT, core.agent.c_str());
   SetMethod(o, hop, r.body);
   o.Set(CURLOPT_READFUNCTION, OnRead)
       .Set(CURLOPT_READDATA, self)
@@ -422,13 +421,23 @@ bool StartTransfer(Request& r) {
     if (next) r.header_list = next;
     return next != nullptr;
   };
-  bool has_type = false, listed = true;
-  for (const std::string& h : r.headers) {
+  auto named = [](const std::string& h, std::string_view name) {
     const size_t colon = h.find(':');
-    if (colon != std::string::npos &&
-        EqualsNoCase(TrimBlanks(std::string_view(h).substr(0, colon)), "Content-Type")) {
-      has_type = true;
-    }
+    return colon != std::string::npos &&
+           EqualsNoCase(TrimBlanks(std::string_view(h).substr(0, colon)), name);
+  };
+  // The session's agent leads the list, so it goes out right after Host, where curl
+  // would put it; given this way, curl need not format its own line for every
+  // transfer. A request that names its own agent keeps that one.
+  bool listed = true;
+  const std::string& agent = r.core->settings->agent;
+  if (!agent.empty() &&
+      std::none_of(r.headers.begin(), r.headers.end(), [&](const std::string& h) { return named(h, "User-Agent"); })) {
+    listed = append(("User-Agent: " + agent).c_str());
+  }
+  bool has_type = false;
+  for (const std::string& h : r.headers) {
+    has_type = has_type || named(h, "Content-Type");
     listed = listed && append(h.c_str());
   }
   // curl's own additions that WinHTTP does not make.

@@ -247,6 +247,9 @@ struct Settings {
   struct Idle {
     CURLM* multi;
     CURL* easy;  // the last transfer's easy handle, to be reset and used again; or null
+    // The thread that used them last: it gets them back first, so that curl's memory
+    // stays with one thread's heap instead of being freed across threads.
+    std::thread::id user;
   };
   std::mutex idle_mu;
   std::vector<Idle> idle;
@@ -272,7 +275,7 @@ struct Core {
   // never started, and for a sender's lane, whose multi handle goes back to the pool.
   ~Core() {
     if (own && settings && multi) {
-      settings->GiveBackMulti({multi, spare});
+      settings->GiveBackMulti({multi, spare, std::this_thread::get_id()});
       return;
     }
     if (multi) curl_multi_cleanup(multi);
