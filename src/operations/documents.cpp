@@ -17,7 +17,6 @@ namespace {
 using ops::CompactJson;
 using ops::IsEmptyWide;
 using ops::Utf8Arg;
-using ops::WideJson;
 
 constexpr char16_t kTokenPlaceholder[] = u"${access-token}";
 
@@ -29,20 +28,17 @@ constexpr std::initializer_list<int32_t> kVersionRejected = {110001, 110002, 110
 // The ten members of a document record. Required texts are read as given; an optional
 // one left out goes on the wire as an empty string.
 template <class Info>
-void PutDocumentMembers(Json::Value& body, const Info& info) {
-  // The names are the program's own constants, so the object refers to them instead of
-  // keeping copies.
-  using Name = Json::StaticString;
-  body[Name("cAppID")] = WideJson(info.cAppID);
-  body[Name("cDocID")] = WideJson(info.cDocID);
-  body[Name("docName")] = WideJson(info.docName);
-  body[Name("createTime")] = WideJson(info.createTime);
-  body[Name("modifiedTime")] = WideJson(info.modifiedTime);
-  body[Name("parentID")] = WideJson(info.parentID);
-  body[Name("cUserID")] = WideJson(info.cUserID);
-  body[Name("originalAuthor")] = WideJson(info.originalAuthor);
-  body[Name("originalFilename")] = WideJson(info.originalFilename);
-  body[Name("connectedNotification")] = WideJson(info.connectedNotification);
+void PutDocumentMembers(ops::FlatRecord& body, const Info& info) {
+  body.Text("cAppID", info.cAppID);
+  body.Text("cDocID", info.cDocID);
+  body.Text("docName", info.docName);
+  body.Text("createTime", info.createTime);
+  body.Text("modifiedTime", info.modifiedTime);
+  body.Text("parentID", info.parentID);
+  body.Text("cUserID", info.cUserID);
+  body.Text("originalAuthor", info.originalAuthor);
+  body.Text("originalFilename", info.originalFilename);
+  body.Text("connectedNotification", info.connectedNotification);
 }
 
 // The stored versions URL with the caller's token in place of its placeholder;
@@ -62,10 +58,10 @@ std::u16string TetherdocServer::UploadUrl(const char* name, std::u16string_view 
   return url;
 }
 
-int TetherdocServer::PostRecord(const std::u16string& url, const Json::Value& body,
+int TetherdocServer::PostRecord(const std::u16string& url, const ops::FlatRecord& body,
                                 std::initializer_list<int32_t> rejected, bool forbiddenAtOnce) {
   Json::Value reply;
-  const int result = RequestJson(reply, url, u"POST", CompactJson(body));
+  const int result = RequestJson(reply, url, u"POST", body.Compact());
   if (result == TDC_HRESULT_OK) return result;
   if (forbiddenAtOnce && result == TDC_HRESULT_FORBIDDEN) return result;
   if (ops::IsEmptyJson(reply)) return result;
@@ -93,7 +89,7 @@ int TetherdocServer::UploadDocInfo(const TDC_DOC_INFO* info) {
             Utf8Arg(info->modifiedTime).c_str());
       return TDC_HRESULT_FORBIDDEN;
     }
-    Json::Value body(Json::objectValue);
+    ops::FlatRecord body;
     PutDocumentMembers(body, *info);
     return PostRecord(url, body, kDocumentRejected, false);
   });
@@ -118,18 +114,18 @@ int TetherdocServer::UploadVersionInfo(const TDC_VERSION_INFO* info) {
             Utf8Arg(info->docName).c_str());
       return TDC_HRESULT_FORBIDDEN;
     }
-    Json::Value body(Json::objectValue);
-    body["cAppID"] = WideJson(info->cAppID);
-    body["cDocID"] = WideJson(info->cDocID);
-    body["cVersionID"] = WideJson(info->cVersionID);
-    body["parentID"] = WideJson(info->parentID);
-    body["cUserID"] = WideJson(info->cUserID);
-    body["createTime"] = WideJson(info->createTime);
-    body["docName"] = WideJson(info->docName);
-    body["docPath"] = WideJson(info->docPath);
-    body["docURI"] = WideJson(info->docURI);
-    body["docSize"] = static_cast<Json::Int64>(info->docSize);
-    body["docPageCount"] = static_cast<Json::Int64>(info->docPageCount);
+    ops::FlatRecord body;
+    body.Text("cAppID", info->cAppID);
+    body.Text("cDocID", info->cDocID);
+    body.Text("cVersionID", info->cVersionID);
+    body.Text("parentID", info->parentID);
+    body.Text("cUserID", info->cUserID);
+    body.Text("createTime", info->createTime);
+    body.Text("docName", info->docName);
+    body.Text("docPath", info->docPath);
+    body.Text("docURI", info->docURI);
+    body.Number("docSize", static_cast<int64_t>(info->docSize));
+    body.Number("docPageCount", static_cast<int64_t>(info->docPageCount));
     return PostRecord(url, body, kVersionRejected, true);
   });
 }
@@ -146,14 +142,14 @@ int TetherdocServer::UpLoadTDOC(const TDC_TDOC_INFO* info) {
         IsEmptyWide(info->createTime) || IsEmptyWide(info->docName) ||
         IsEmptyWide(info->modifiedTime) || info->docPageCount == 0)
       return TDC_HRESULT_FORBIDDEN;
-    Json::Value body(Json::objectValue);
+    ops::FlatRecord body;
     PutDocumentMembers(body, *info);
-    body["cVersionID"] = WideJson(info->cVersionID);
-    body["parentVersionID"] = WideJson(info->parentVersionID);
-    body["docPath"] = WideJson(info->docPath);
-    body["docURI"] = WideJson(info->docURI);
-    body["docSize"] = static_cast<Json::Int64>(info->docSize);
-    body["docPageCount"] = static_cast<Json::Int64>(info->docPageCount);
+    body.Text("cVersionID", info->cVersionID);
+    body.Text("parentVersionID", info->parentVersionID);
+    body.Text("docPath", info->docPath);
+    body.Text("docURI", info->docURI);
+    body.Number("docSize", static_cast<int64_t>(info->docSize));
+    body.Number("docPageCount", static_cast<int64_t>(info->docPageCount));
     return PostRecord(url, body, kDocumentRejected, false);
   });
 }

@@ -136,7 +136,84 @@ void AppendValue(std::string& out, const Json::Value& value) {
   }
 }
 
+// A wide text as AppendQuoted writes the same text in UTF-8: ASCII as it stands or
+// escaped, a surrogate pair as its two units, a lone surrogate as U+FFFD, any other
+// unit as itself.
+void AppendQuotedWide(std::string& out, const char16_t* s) {
+  out.push_back('"');
+  for (; *s; ++s) {
+    const char16_t u = *s;
+    if (u >= 0x20 && u < 0x80 && u != u'"' && u != u'\\') {
+      out.push_back(static_cast<char>(u));
+      continue;
+    }
+    switch (u) {
+      case u'"': out += "\\\""; break;
+      case u'\\': out += "\\\\"; break;
+      case u'\b': out += "\\b"; break;
+      case u'\f': out += "\\f"; break;
+      case u'\n': out += "\\n"; break;
+      case u'\r': out += "\\r"; break;
+      case u'\t': out += "\\t"; break;
+      default:
+        if (u >= 0xD800 && u <= 0xDBFF && s[1] >= 0xDC00 && s[1] <= 0xDFFF) {
+          AppendUnitEscape(out, u);
+          AppendUnitEscape(out, *++s);
+        } else if (u >= 0xD800 && u <= 0xDFFF) {
+          AppendUnitEscape(out, 0xFFFD);
+        } else {
+          AppendUnitEscape(out, u);
+        }
+    }
+  }
+  out.push_back('"');
+}
+
 }  // namespace
+
+std::string& FlatRecord::Slot(std::string_view name) {
+  for (auto& member : members_) {
+    if (member.first == name) {
+      member.second.clear();
+      return member.second;
+    }
+  }
+  members_.emplace_back(name, std::string());
+  return members_.back().second;
+}
+
+void FlatRecord::Text(std::string_view name, TDC_LPCWSTR text) {
+  static const char16_t kEmpty[] = u"";
+  AppendQuotedWide(Slot(name), text ? reinterpret_cast<const char16_t*>(text) : kEmpty);
+}
+
+void FlatRecord::Number(std::string_view name, int64_t value) { AppendNumber(Slot(name), value); }
+
+void FlatRecord::Value(std::string_view name, const Json::Value& value) {
+  AppendValue(Slot(name), value);
+}
+
+std::string FlatRecord::Compact() const {
+  std::vector<const std::pair<std::string_view, std::string>*> order;
+  order.reserve(members_.size());
+  size_t size = 3;
+  for (const auto& member : members_) {
+    order.push_back(&member);
+    size += member.first.size() + member.second.size() + 4;
+  }
+  std::sort(order.begin(), order.end(), [](const auto* a, const auto* b) { return a->first < b->first; });
+  std::string out;
+  out.reserve(size);
+  out.push_back('{');
+  for (const auto* member : order) {
+    if (out.size() > 1) out.push_back(',');
+    AppendQuoted(out, member->first.data(), member->first.data() + member->first.size());
+    out.push_back(':');
+    out += member->second;
+  }
+  out += "}\n";
+  return out;
+}
 
 std::string CompactJson(const Json::Value& value) {
   std::string out;

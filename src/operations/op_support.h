@@ -6,6 +6,8 @@
 #include <initializer_list>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <json/json.h>
 
@@ -15,6 +17,23 @@ namespace tpcsdk::ops {
 
 // The compact writer's text of value: no indentation, one line feed at its end.
 std::string CompactJson(const Json::Value& value);
+
+// A record of the upload operations: one JSON object of named texts and numbers (and
+// the odd nested value), written straight from the host's wide texts into the compact
+// text CompactJson gives for the same members. A name given twice keeps its last value.
+class FlatRecord {
+ public:
+  // A wide host text; null goes out as "". Names are string literals.
+  void Text(std::string_view name, TDC_LPCWSTR text);
+  void Number(std::string_view name, int64_t value);
+  void Value(std::string_view name, const Json::Value& value);
+  // The compact text: members in name order, one line feed at the end.
+  std::string Compact() const;
+
+ private:
+  std::string& Slot(std::string_view name);
+  std::vector<std::pair<std::string_view, std::string>> members_;  // name, JSON text
+};
 
 // A JSON emptiness test: null, or an array or object with no member.
 bool IsEmptyJson(const Json::Value& value);

@@ -55,20 +55,20 @@ int TetherdocServer::UpLoadUserLogger(const TDC_USER_LOG* log) {
       return TDC_HRESULT_FORBIDDEN;
     }
     if (m_pLog) m_pLog->Write("UpLoadUserLogger url=%s", Utf16ToUtf8(url).c_str());
-    Json::Value body(Json::objectValue);
-    body["cAppID"] = WideJson(log->cAppID);
-    body["cDocID"] = WideJson(log->cDocID);
-    body["cVersionID"] = WideJson(log->cVersionID);
-    body["cUserID"] = WideJson(log->cUserID);
-    body["startTime"] = WideJson(log->startTime);
-    body["operatorType"] = WideJson(log->operatorType);
-    body["operator"] = WideJson(log->operator_);
-    body["operands"] = OperandsMember(log->operands);
-    body["docName"] = WideJson(log->docName);
-    body["docPath"] = WideJson(log->docPath);
-    body["docURI"] = WideJson(log->docURI);
-    body["reviewSessionID"] = WideJson(log->reviewSessionID);
-    body["isCreview"] = static_cast<Json::Int64>(log->isCreview);  // as given, not folded
+    ops::FlatRecord body;
+    body.Text("cAppID", log->cAppID);
+    body.Text("cDocID", log->cDocID);
+    body.Text("cVersionID", log->cVersionID);
+    body.Text("cUserID", log->cUserID);
+    body.Text("startTime", log->startTime);
+    body.Text("operatorType", log->operatorType);
+    body.Text("operator", log->operator_);
+    body.Value("operands", OperandsMember(log->operands));
+    body.Text("docName", log->docName);
+    body.Text("docPath", log->docPath);
+    body.Text("docURI", log->docURI);
+    body.Text("reviewSessionID", log->reviewSessionID);
+    body.Number("isCreview", static_cast<int64_t>(log->isCreview));  // as given, not folded
     return PostRecord(url, body, kUsageRejected, false);
   });
 }

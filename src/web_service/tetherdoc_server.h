@@ -21,6 +21,9 @@
 
 namespace tpcsdk {
 
+namespace ops {
+class FlatRecord;
+}
 class CAsyncWinHttp;
 class CPullMsgQueueManager;
 class CPullMsgThread;
@@ -113,7 +116,7 @@ class TetherdocServer final : public ITetherdocServer {
   // Logs the upload's name and gives its stored URL, logging "<name>. url is empty"
   // when there is none.
   std::u16string UploadUrl(const char* name, std::u16string_view key);
-  int PostRecord(const std::u16string& url, const Json::Value& body,
+  int PostRecord(const std::u16string& url, const ops::FlatRecord& body,
                  std::initializer_list<int32_t> rejected, bool forbiddenAtOnce);
 
   // ---- ITetherdocServer ----

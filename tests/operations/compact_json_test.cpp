@@ -74,4 +74,51 @@ TEST(CompactJson, DocumentRecordAsTheServiceReceivesIt) {
             "{\"cAppID\":\"app-1\",\"docName\":\"Report \\u00e9t\\u00e9.pdf\",\"docSize\":123456789012}\n");
 }
 
+// A wide text of every kind: ASCII, escapes, controls, other planes, lone surrogates.
+std::u16string RandomWide(std::mt19937& rng) {
+  static const char16_t kUnits[] = {u'a', u' ', u'"', u'\\', u'/', u'\b', u'\t', u'\n', 0x01,
+                                    0x1F, 0x7F, 0x80, 0xE9, 0x20AC, 0xFFFD, 0xFFFF, 0xD83D,
+                                    0xDE00, 0xDBFF, 0xDC00};
+  std::u16string text;
+  for (int n = static_cast<int>(rng() % 10); n > 0; --n) text += kUnits[rng() % (sizeof(kUnits) / sizeof(kUnits[0]))];
+  return text;
+}
+
+TEST(FlatRecord, IsTheCompactTextOfTheSameMembers) {
+  std::mt19937 rng(1124);
+  const char* const kNames[] = {"cAppID", "docName", "a", "operands", "isCreview", "cDocID", "docNameX"};
+  for (int i = 0; i < 2000; ++i) {
+    tpcsdk::ops::FlatRecord record;
+    Json::Value expected(Json::objectValue);
+    for (int n = static_cast<int>(rng() % 9); n > 0; --n) {
+      const char* name = kNames[rng() % (sizeof(kNames) / sizeof(kNames[0]))];
+      switch (rng() % 4) {
+        case 0: {
+          const std::u16string text = RandomWide(rng);
+          const auto* wide = reinterpret_cast<TDC_LPCWSTR>(text.c_str());
+          record.Text(name, wide);
+          expected[name] = tpcsdk::ops::WideJson(wide);
+          break;
+        }
+        case 1:
+          record.Text(name, nullptr);
+          expected[name] = tpcsdk::ops::WideJson(nullptr);
+          break;
+        case 2: {
+          const auto number = static_cast<int64_t>(rng()) - static_cast<int64_t>(rng());
+          record.Number(name, number);
+          expected[name] = static_cast<Json::Int64>(number);
+          break;
+        }
+        default: {
+          const Json::Value value = RandomValue(rng, 1);
+          record.Value(name, value);
+          expected[name] = value;
+        }
+      }
+    }
+    ASSERT_EQ(record.Compact(), LibraryText(expected)) << "case " << i;
+  }
+}
+
 }  // namespace
