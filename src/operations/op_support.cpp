@@ -184,7 +184,10 @@ std::string& FlatRecord::Slot(std::string_view name) {
 
 void FlatRecord::Text(std::string_view name, TDC_LPCWSTR text) {
   static const char16_t kEmpty[] = u"";
-  AppendQuotedWide(Slot(name), text ? reinterpret_cast<const char16_t*>(text) : kEmpty);
+  const char16_t* wide = text ? reinterpret_cast<const char16_t*>(text) : kEmpty;
+  std::string& slot = Slot(name);
+  slot.reserve(WideLength(wide) + 2);  // room for plain text and its quotes
+  AppendQuotedWide(slot, wide);
 }
 
 void FlatRecord::Number(std::string_view name, int64_t value) { AppendNumber(Slot(name), value); }

@@ -461,17 +461,24 @@ HttpHandle HttpOpen(std::u16string_view agent, uint32_t access_type, std::u16str
 }
 
 HttpHandle HttpConnect(HttpHandle session, std::u16string_view server, uint16_t port) {
-  return WithHandle<Session>(session, [&](const std::shared_ptr<Session>& s) -> HttpHandle {
-    if (server.empty()) return FailWith<HttpHandle>(kHttpErrorInvalidParameter);
-    auto c = MakeChild<Connect>(s);
-    // The connection's lane, in turn; its requests stay on it.
-    Core& home = *s->core;
-    const size_t turn = home.next_lane;
-    home.next_lane = (turn + 1) % (home.lanes.size() + 1);
-    if (turn > 0) c->core = home.lanes[turn - 1];
-    c->host = Narrow(server);
-    c->port = port;
-    return Register(c);
+  return Guarded([&]() -> HttpHandle {
+    // Made before the session is locked: every host thread connects through it.
+    std::string host = Narrow(server);
+    std::shared_ptr<Connect> made;
+    const bool linked = WithHandle<Session>(session, [&](const std::shared_ptr<Session>& s) {
+      if (server.empty()) return Fail(kHttpErrorInvalidParameter);
+      auto c = MakeChild<Connect>(s);
+      // The connection's lane, in turn; its requests stay on it.
+      Core& home = *s->core;
+      const size_t turn = home.next_lane;
+      home.next_lane = (turn + 1) % (home.lanes.size() + 1);
+      if (turn > 0) c->core = home.lanes[turn - 1];
+      c->host = std::move(host);
+      c->port = port;
+      made = std::move(c);
+      return true;
+    });
+    return linked ? Register(made) : nullptr;
   });
 }
 
