@@ -47,12 +47,12 @@ double ProcessCpuSeconds() {
 
 }  // namespace
 
-// The heap figures count the bytes of every live block, exactly: this program puts
-// its own malloc family in front of the C library's, and each call adds or takes
-// away the usable size of its block. The allocator's own state (per-thread caches,
-// arenas, bins kept for reuse) is not in the count, so a figure moves only when a
-// block is allocated and not freed, whoever allocated it (the module, libcurl, the
-// C++ library).
+// The heap figures count the bytes asked for by every live block, exactly: this
+// program puts its own malloc family in front of the C library's and notes the size
+// of each block it hands out in a table of its own, which takes no memory from the
+// heap. A figure moves only when a block is allocated and not freed, whoever
+// allocated it (the module, libcurl, the C++ library); the allocator's own state
+// (per-thread caches, arenas, the slack it may add to a block) is not in it.
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -65,41 +65,98 @@ namespace {
 
 std::atomic<long long> g_live_bytes{0};
 
-void* Counted(void* block) {
-  if (block) g_live_bytes.fetch_add(static_cast<long long>(malloc_usable_size(block)), std::memory_order_relaxed);
+// Block address to the size asked for: open addressing with linear probing, and
+// deletion that moves later entries back, so no marker of a deleted entry builds up.
+// A block the table has no room for (or one made before the program started
+// counting) is simply not counted.
+class SizeTable {
+ public:
+  void Put(void* block, size_t size) {
+    if (!block) return;
+    Lock();
+    const uintptr_t key = reinterpret_cast<uintptr_t>(block);
+    for (size_t i = Home(key), n = 0; n < kSlots; i = (i + 1) & (kSlots - 1), ++n) {
+      if (slots_[i].key == 0 || slots_[i].key == key) {
+        slots_[i] = {key, size};
+        g_live_bytes.fetch_add(static_cast<long long>(size), std::memory_order_relaxed);
+        break;
+      }
+    }
+    Unlock();
+  }
+  void Take(void* block) {
+    if (!block) return;
+    Lock();
+    const uintptr_t key = reinterpret_cast<uintptr_t>(block);
+    size_t i = Home(key);
+    for (size_t n = 0; n < kSlots && slots_[i].key != 0; i = (i + 1) & (kSlots - 1), ++n) {
+      if (slots_[i].key != key) continue;
+      g_live_bytes.fetch_sub(static_cast<long long>(slots_[i].size), std::memory_order_relaxed);
+      // Later entries of the run move back into the gap when their home allows it.
+      size_t gap = i;
+      for (size_t j = (i + 1) & (kSlots - 1); slots_[j].key != 0; j = (j + 1) & (kSlots - 1)) {
+        const size_t home = Home(slots_[j].key);
+        const bool movable = gap <= j ? (home <= gap || home > j) : (home <= gap && home > j);
+        if (movable) {
+          slots_[gap] = slots_[j];
+          gap = j;
+        }
+      }
+      slots_[gap] = {0, 0};
+      break;
+    }
+    Unlock();
+  }
+
+ private:
+  static constexpr size_t kSlots = size_t{1} << 22;
+  struct Slot {
+    uintptr_t key;
+    size_t size;
+  };
+  static size_t Home(uintptr_t key) { return (key >> 4) * 0x9E3779B97F4A7C15ull >> 42 & (kSlots - 1); }
+  void Lock() {
+    while (busy_.test_and_set(std::memory_order_acquire)) {
+    }
+  }
+  void Unlock() { busy_.clear(std::memory_order_release); }
+  std::atomic_flag busy_ = ATOMIC_FLAG_INIT;
+  Slot slots_[kSlots] = {};
+};
+
+SizeTable g_sizes;
+
+void* Counted(void* block, size_t size) {
+  g_sizes.Put(block, size);
   return block;
 }
 
 }  // namespace
 
 extern "C" {
-void* malloc(size_t size) { return Counted(__libc_malloc(size)); }
-void* calloc(size_t count, size_t size) { return Counted(__libc_calloc(count, size)); }
+void* malloc(size_t size) { return Counted(__libc_malloc(size), size); }
+void* calloc(size_t count, size_t size) { return Counted(__libc_calloc(count, size), count * size); }
 void free(void* block) {
-  if (!block) return;
-  g_live_bytes.fetch_sub(static_cast<long long>(malloc_usable_size(block)), std::memory_order_relaxed);
+  g_sizes.Take(block);
   __libc_free(block);
 }
 void* realloc(void* block, size_t size) {
-  const long long before = block ? static_cast<long long>(malloc_usable_size(block)) : 0;
   void* moved = __libc_realloc(block, size);
-  if (moved) {
-    g_live_bytes.fetch_add(static_cast<long long>(malloc_usable_size(moved)) - before, std::memory_order_relaxed);
-  } else if (block && size == 0) {
-    g_live_bytes.fetch_sub(before, std::memory_order_relaxed);  // realloc(p, 0) freed p
-  }
-  return moved;
+  if (moved || size == 0) g_sizes.Take(block);  // realloc(p, 0) freed p
+  return moved ? Counted(moved, size) : nullptr;
 }
-void* memalign(size_t alignment, size_t size) { return Counted(__libc_memalign(alignment, size)); }
-void* aligned_alloc(size_t alignment, size_t size) { return Counted(__libc_memalign(alignment, size)); }
+void* memalign(size_t alignment, size_t size) { return Counted(__libc_memalign(alignment, size), size); }
+void* aligned_alloc(size_t alignment, size_t size) { return Counted(__libc_memalign(alignment, size), size); }
 int posix_memalign(void** out, size_t alignment, size_t size) {
   if (alignment < sizeof(void*) || (alignment & (alignment - 1)) != 0) return EINVAL;
-  void* block = Counted(__libc_memalign(alignment, size));
+  void* block = Counted(__libc_memalign(alignment, size), size);
   if (!block) return ENOMEM;
   *out = block;
   return 0;
 }
-void* valloc(size_t size) { return Counted(__libc_memalign(static_cast<size_t>(sysconf(_SC_PAGESIZE)), size)); }
+void* valloc(size_t size) {
+  return Counted(__libc_memalign(static_cast<size_t>(sysconf(_SC_PAGESIZE)), size), size);
+}
 }
 
 namespace {
