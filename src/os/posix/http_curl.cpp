@@ -343,34 +343,66 @@ Request::~Request() {
   if (header_list) curl_slist_free_all(header_list);
 }
 
-Settings::Idle Settings::TakeMulti() {
-  const std::thread::id me = std::this_thread::get_id();
-  {
-    std::lock_guard<std::mutex> lock(idle_mu);
-    if (!idle.empty()) {
-      // The calling thread's own, when it left one; otherwise the last one left.
-      auto it = std::find_if(idle.rbegin(), idle.rend(), [&](const Idle& i) { return i.user == me; });
-      const auto at = it == idle.rend() ? idle.end() - 1 : std::prev(it.base());
-      const Idle taken = *at;
-      idle.erase(at);
-      return taken;
-    }
-  }
-  return {curl_multi_init(), nullptr, me};
+Settings::~Settings() {
+  for (Core* lane : idle) delete lane;
+  if (share) curl_share_cleanup(share);
 }
 
-void Settings::GiveBackMulti(Idle given) {
-  // Enough for the senders of a busy host; the rest close their connections.
-  constexpr size_t kMaxIdle = 16;
+namespace {
+
+// Takes a sender's lane back when its last reference goes.
+struct LaneReturn {
+  std::weak_ptr<Settings> home;
+  void operator()(Core* lane) const {
+    // Enough for the senders of a busy host; the rest close their connections.
+    constexpr size_t kMaxIdle = 16;
+    const std::shared_ptr<Settings> settings = home.lock();
+    lane->settings.reset();  // an idle lane must not keep its session
+    // Nothing refers to the lane any more, so what its lists held has gone with the
+    // handles; a lane that still holds something is not used again.
+    const bool empty = lane->requests.empty() && lane->passing.empty() && lane->to_close.empty() &&
+                       lane->notes.empty() && lane->detach.empty();
+    if (settings && empty) {
+      // The lists keep their room.
+      lane->loop_thread = std::thread::id();
+      lane->dirty = lane->polling = lane->delivering = lane->finished = lane->driving = false;
+      lane->last_user = std::this_thread::get_id();
+      std::lock_guard<std::mutex> lock(settings->idle_mu);
+      if (settings->idle.size() < kMaxIdle) {
+        settings->idle.push_back(lane);
+        return;
+      }
+    }
+    delete lane;
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<Core> TakeLane(const std::shared_ptr<Settings>& settings) {
+  const std::thread::id me = std::this_thread::get_id();
+  Core* lane = nullptr;
   {
-    std::lock_guard<std::mutex> lock(idle_mu);
-    if (idle.size() < kMaxIdle) {
-      idle.push_back(given);
-      return;
+    std::lock_guard<std::mutex> lock(settings->idle_mu);
+    auto& idle = settings->idle;
+    if (!idle.empty()) {
+      // The calling thread's own, when it left one; otherwise the last one left.
+      auto it = std::find_if(idle.rbegin(), idle.rend(), [&](const Core* l) { return l->last_user == me; });
+      const auto at = it == idle.rend() ? idle.end() - 1 : std::prev(it.base());
+      lane = *at;
+      idle.erase(at);
     }
   }
-  curl_multi_cleanup(given.multi);
-  if (given.easy) curl_easy_cleanup(given.easy);
+  if (!lane) {
+    auto made = std::make_unique<Core>();
+    made->own = true;
+    made->multi = curl_multi_init();
+    if (!made->multi) return nullptr;
+    lane = made.release();
+  }
+  lane->settings = settings;
+  // Should the reference itself fail to be made, the lane goes back at once.
+  return std::shared_ptr<Core>(lane, LaneReturn{settings});
 }
 
 void EndAllSessions() {
@@ -489,38 +521,34 @@ HttpHandle HttpOpenRequest(HttpHandle connect, std::u16string_view verb,
   return Guarded([&]() -> HttpHandle {
     std::string method = verb.empty() ? std::string("GET") : Narrow(verb);
     std::string target = EscapeObjectName(object_name, flags);
-    std::shared_ptr<Core> lane;
-    if (flags & kHttpFlagSenderDrives) {
-      lane = std::make_shared<Core>();
-      lane->own = true;
-    }
+    const bool own_lane = (flags & kHttpFlagSenderDrives) != 0;
     std::shared_ptr<Request> opened;
+    std::shared_ptr<Settings> settings;
     const bool linked = WithHandle<Connect>(connect, [&](const std::shared_ptr<Connect>& c) {
       auto r = MakeChild<Request>(c);
-      if (lane) {
-        lane->settings = c->core->settings;
-        r->core = lane;
-      }
       r->host = c->host;
       r->port = c->port;
       r->secure = (flags & kHttpFlagSecure) != 0;
       r->verb = std::move(method);
       r->target = std::move(target);
-      if (!lane) r->core->requests.push_back(r);
+      if (own_lane) {
+        settings = c->core->settings;
+      } else {
+        r->core->requests.push_back(r);
+      }
       opened = std::move(r);
       return true;
     });
     if (!linked) return nullptr;
     // A lane of its own is the request's alone until the handle is given out.
-    if (lane) {
-      const Settings::Idle taken = lane->settings->TakeMulti();
-      lane->multi = taken.multi;
-      lane->spare = taken.easy;
-      if (!lane->multi) {
+    if (own_lane) {
+      std::shared_ptr<Core> lane = TakeLane(settings);
+      if (!lane) {
         DetachFromParent(opened->parent);  // never given out: the connection lets it go
         return FailWith<HttpHandle>(kHttpErrorNotEnoughMemory);
       }
       lane->requests.push_back(opened);
+      opened->core = std::move(lane);
     }
     return Register(opened);
   });

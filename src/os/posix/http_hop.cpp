@@ -221,7 +221,7 @@ CURLcode Configure(Request& r, CURL* e) {
       curl_url_cleanup(u);
     }
   }
-  const std::string server_only = hop.base + "/";
+  const std::string server_only = parsable ? std::string() : hop.base + "/";
   // The proxy was fixed when the session opened; "" keeps curl from the environment.
   // A plain request through a proxy names the whole URL on its request line.
   const std::string& proxy = hop.secure ? core.https_proxy : core.http_proxy;

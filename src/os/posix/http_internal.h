@@ -227,13 +227,7 @@ struct Note {
 // cookie share serves all of the session's threads, under its own locks.
 struct Settings {
   Settings() = default;
-  ~Settings() {
-    for (const Idle& i : idle) {
-      curl_multi_cleanup(i.multi);
-      if (i.easy) curl_easy_cleanup(i.easy);
-    }
-    if (share) curl_share_cleanup(share);
-  }
+  ~Settings();
   Settings(const Settings&) = delete;
   Settings& operator=(const Settings&) = delete;
   std::string agent;
@@ -242,23 +236,19 @@ struct Settings {
   std::atomic<uint32_t> secure_protocols{kDefaultSecureProtocols};
   CURLSH* share = nullptr;
   std::mutex share_mu[CURL_LOCK_DATA_LAST];
-  // Multi handles of sender-driven requests that have ended, each with the
-  // connections it keeps alive, for the next such request.
-  struct Idle {
-    CURLM* multi;
-    CURL* easy;  // the last transfer's easy handle, to be reset and used again; or null
-    // The thread that used them last: it gets them back first, so that curl's memory
-    // stays with one thread's heap instead of being freed across threads.
-    std::thread::id user;
-  };
+  // The lanes of sender-driven requests that have ended, each with its multi handle,
+  // the connections that keeps alive, its last easy handle and the room of its lists,
+  // for the next such request.
   std::mutex idle_mu;
-  std::vector<Idle> idle;
-
-  // A multi handle (and maybe an easy handle) for a sender-driven request: idle ones,
-  // or a new multi handle.
-  Idle TakeMulti();
-  void GiveBackMulti(Idle idle);
+  std::vector<Core*> idle;
 };
+
+// A lane for a sender-driven request of the session: an idle one (the calling thread's
+// own first, so that curl's memory stays with one thread's heap instead of being freed
+// across threads), or a new one. When the last reference goes, the lane goes back to
+// the session's idle lanes, or is freed once the session is gone or has enough. Null
+// when curl cannot make a multi handle.
+std::shared_ptr<Core> TakeLane(const std::shared_ptr<Settings>& settings);
 
 // One event thread with its multi handle: a lane of a session. A session has one lane
 // or more; each connection (and every request opened on it) lives on one lane, picked in
@@ -272,12 +262,8 @@ struct Core {
     spare_notes.reserve(12);
   }
   // The loop gives back the multi handle when it ends; this is for a lane whose loop
-  // never started, and for a sender's lane, whose multi handle goes back to the pool.
+  // never started, and for a sender's lane that is not kept for another request.
   ~Core() {
-    if (own && settings && multi) {
-      settings->GiveBackMulti({multi, spare, std::this_thread::get_id()});
-      return;
-    }
     if (multi) curl_multi_cleanup(multi);
     if (spare) curl_easy_cleanup(spare);
   }
@@ -295,6 +281,7 @@ struct Core {
   bool own = false;
   bool driving = false;
   CURL* spare = nullptr;  // a sender's lane: an easy handle done with, for the next hop
+  std::thread::id last_user;  // an idle sender's lane: the thread that used it last
   std::vector<std::shared_ptr<Request>> requests;
   std::vector<std::shared_ptr<Request>> passing;  // Pass's copy of `requests`
   std::vector<std::shared_ptr<Handle>> to_close;
