@@ -171,48 +171,50 @@ void AppendQuotedWide(std::string& out, const char16_t* s) {
 
 }  // namespace
 
-std::string& FlatRecord::Slot(std::string_view name) {
-  for (auto& member : members_) {
-    if (member.first == name) {
-      member.second.clear();
-      return member.second;
+void FlatRecord::Open(std::string_view name) {
+  if (members_.empty()) {
+    members_.reserve(16);
+    values_.reserve(512);
+  }
+  for (auto it = members_.begin(); it != members_.end(); ++it) {
+    if (it->name == name) {
+      members_.erase(it);
+      break;
     }
   }
-  members_.emplace_back(name, std::string());
-  return members_.back().second;
+  members_.push_back({name, values_.size(), values_.size()});
 }
 
 void FlatRecord::Text(std::string_view name, TDC_LPCWSTR text) {
   static const char16_t kEmpty[] = u"";
-  const char16_t* wide = text ? reinterpret_cast<const char16_t*>(text) : kEmpty;
-  std::string& slot = Slot(name);
-  slot.reserve(WideLength(wide) + 2);  // room for plain text and its quotes
-  AppendQuotedWide(slot, wide);
+  Open(name);
+  AppendQuotedWide(values_, text ? reinterpret_cast<const char16_t*>(text) : kEmpty);
+  Close();
 }
 
-void FlatRecord::Number(std::string_view name, int64_t value) { AppendNumber(Slot(name), value); }
+void FlatRecord::Number(std::string_view name, int64_t value) {
+  Open(name);
+  AppendNumber(values_, value);
+  Close();
+}
 
 void FlatRecord::Value(std::string_view name, const Json::Value& value) {
-  AppendValue(Slot(name), value);
+  Open(name);
+  AppendValue(values_, value);
+  Close();
 }
 
 std::string FlatRecord::Compact() const {
-  std::vector<const std::pair<std::string_view, std::string>*> order;
-  order.reserve(members_.size());
-  size_t size = 3;
-  for (const auto& member : members_) {
-    order.push_back(&member);
-    size += member.first.size() + member.second.size() + 4;
-  }
-  std::sort(order.begin(), order.end(), [](const auto* a, const auto* b) { return a->first < b->first; });
+  std::vector<Member> order(members_);
+  std::sort(order.begin(), order.end(), [](const Member& a, const Member& b) { return a.name < b.name; });
   std::string out;
-  out.reserve(size);
+  out.reserve(values_.size() + 24 * members_.size() + 3);
   out.push_back('{');
-  for (const auto* member : order) {
+  for (const Member& member : order) {
     if (out.size() > 1) out.push_back(',');
-    AppendQuoted(out, member->first.data(), member->first.data() + member->first.size());
+    AppendQuoted(out, member.name.data(), member.name.data() + member.name.size());
     out.push_back(':');
-    out += member->second;
+    out.append(values_, member.begin, member.end - member.begin);
   }
   out += "}\n";
   return out;

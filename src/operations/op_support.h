@@ -31,8 +31,17 @@ class FlatRecord {
   std::string Compact() const;
 
  private:
-  std::string& Slot(std::string_view name);
-  std::vector<std::pair<std::string_view, std::string>> members_;  // name, JSON text
+  // A member's name and where its JSON text lies in values_.
+  struct Member {
+    std::string_view name;
+    size_t begin, end;
+  };
+  // Starts the member's text at the end of values_ (a name given before leaves its
+  // old text unused); Close marks where it ends.
+  void Open(std::string_view name);
+  void Close() { members_.back().end = values_.size(); }
+  std::vector<Member> members_;
+  std::string values_;  // every member's JSON text, one after another
 };
 
 // A JSON emptiness test: null, or an array or object with no member.

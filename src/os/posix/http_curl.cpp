@@ -223,7 +223,9 @@ const char* HeaderNameForLevel(uint32_t level) {
 
 bool AddHeaders(Request& r, std::u16string_view text, uint32_t modifiers) {
   HeaderFields parsed;
+  parsed.reserve(8);
   if (!ParseHeaderLines(Narrow(text), &parsed)) return Fail(kErrorInvalidHeader);
+  r.headers.reserve(r.headers.size() + parsed.size());
   for (const auto& [name, value] : parsed) {
     auto same = [&](const std::string& h) {
       const size_t colon = h.find(':');

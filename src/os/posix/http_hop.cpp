@@ -300,10 +300,18 @@ uint32_t StartHop(Request& r) {
   return 0;
 }
 
-std::string BaseUrl(bool secure, std::string host, uint16_t port) {
-  if (host.find(':') != std::string::npos && host.front() != '[') host = "[" + host + "]";
+std::string BaseUrl(bool secure, const std::string& host, uint16_t port) {
+  const bool bracket = host.find(':') != std::string::npos && host.front() != '[';
   if (port == 0) port = secure ? 443 : 80;
-  return std::string(secure ? "https://" : "http://") + host + ":" + std::to_string(port);
+  std::string base;
+  base.reserve(host.size() + 16);
+  base += secure ? "https://" : "http://";
+  if (bracket) base += '[';
+  base += host;
+  if (bracket) base += ']';
+  base += ':';
+  base += std::to_string(port);
+  return base;
 }
 
 // Splits the redirect's URL into the next hop's server and request-line target.

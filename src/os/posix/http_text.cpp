@@ -59,6 +59,7 @@ bool ParseHeaderLines(std::string_view text, HeaderFields* out) {
 bool ResponseHead::Add(std::string_view line) {
   while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.remove_suffix(1);
   if (line.substr(0, 5) == "HTTP/") {
+    text.reserve(256);  // room for a usual head at once
     text.assign(line);
     text += "\r\n";
     const size_t sp = line.find(' ');
