@@ -50,17 +50,30 @@ TetherdocServer::TetherdocServer(const char* al, const char* an, const char* av)
 // A call in flight: while one is held, the client is not destroyed. BeginRequest's hold
 // goes with the request to EndRequest, whose letting go is the call's last touch of the
 // client.
+// The count takes no lock while the client lives, since every call of every host thread
+// passes here twice. Once the destructor has marked it closing (under m_lockCalls), a
+// hold lets go under that lock and wakes the destructor; before that, its one atomic
+// step is its last touch of the client, and the destructor sees that step.
 struct TetherdocServer::CallHold {
   enum Mode { kNew, kAdopt };
   CallHold(TetherdocServer& client, Mode mode) : m_client(&client) {
     if (mode == kAdopt) return;
-    std::lock_guard<std::mutex> lock(client.m_lockCalls);
-    ++client.m_nCallsInFlight;
+    client.m_nCallsInFlight.fetch_add(1, std::memory_order_relaxed);
   }
   ~CallHold() {
     if (!m_client) return;
+    std::atomic<uint32_t>& count = m_client->m_nCallsInFlight;
+    uint32_t seen = count.load(std::memory_order_relaxed);
+    while (!(seen & kCallsClosing)) {
+      if (count.compare_exchange_weak(seen, seen - 1, std::memory_order_release,
+                                      std::memory_order_relaxed)) {
+        return;
+      }
+    }
     std::lock_guard<std::mutex> lock(m_client->m_lockCalls);
-    if (--m_client->m_nCallsInFlight == 0) m_client->m_callsEnded.notify_all();
+    if ((count.fetch_sub(1, std::memory_order_acq_rel) & ~kCallsClosing) == 1) {
+      m_client->m_callsEnded.notify_all();
+    }
   }
   CallHold(const CallHold&) = delete;
   CallHold& operator=(const CallHold&) = delete;
@@ -84,7 +97,10 @@ TetherdocServer::~TetherdocServer() {
   StopRequest();
   // The stopped callers wake and leave through EndRequest; they still use this object.
   std::unique_lock<std::mutex> lock(m_lockCalls);
-  m_callsEnded.wait(lock, [this] { return m_nCallsInFlight == 0; });
+  m_nCallsInFlight.fetch_or(kCallsClosing, std::memory_order_acq_rel);
+  m_callsEnded.wait(lock, [this] {
+    return (m_nCallsInFlight.load(std::memory_order_acquire) & ~kCallsClosing) == 0;
+  });
 }
 
 void TetherdocServer::Destroy(unsigned int flags) {

@@ -249,7 +249,9 @@ class TetherdocServer final : public ITetherdocServer {
   struct CallHold;
   std::mutex m_lockCalls;
   std::condition_variable m_callsEnded;
-  int m_nCallsInFlight = 0;
+  // The calls in flight, and kCallsClosing once the destructor waits for them.
+  static constexpr uint32_t kCallsClosing = 0x80000000u;
+  std::atomic<uint32_t> m_nCallsInFlight{0};
   std::recursive_mutex m_lockInitApi;
   mutable std::recursive_mutex m_lockToken;
   std::u16string m_wsAccessToken;
