@@ -654,6 +654,30 @@ TEST(HttpSeam, NamedProxyCarriesTheWholeUrl) {
   const std::vector<Received> got = s.received();
   ASSERT_EQ(got.size(), 1u);
   EXPECT_EQ(got[0].request_line, "GET http://origin.invalid:8080/p?q HTTP/1.1");
+  // The agent goes out once.
+  const std::string& head = got[0].head;
+  EXPECT_EQ(HeaderLine(head, "User-Agent"), "User-Agent: seam-test/1.0");
+  EXPECT_EQ(head.find("User-Agent:"), head.rfind("User-Agent:"));
+}
+
+// A secure request through a proxy first opens a tunnel; its CONNECT names the agent
+// too. The proxy refuses, so the request ends in an error.
+TEST(HttpSeam, NamedProxyTunnelNamesTheAgent) {
+  if (httptest::UnderWine()) {
+    GTEST_SKIP() << "wine's WinHTTP does not end a request whose tunnel the proxy refuses";
+  }
+  RawServer* server = nullptr;
+  RawServer s(Answer(&server, "HTTP/1.1 502 Bad Gateway\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"));
+  server = &s;
+  const std::u16string proxy =
+      tpcsdk::Utf8ToUtf16("http=127.0.0.1:1;https=127.0.0.1:" + std::to_string(s.port()));
+  Exchange x(443, u"GET", u"/p", kHttpFlagSecure, u"origin.invalid", kHttpAccessTypeNamedProxy, proxy);
+  ASSERT_TRUE(x.Send());
+  ASSERT_TRUE(x.WaitEnded());
+  const std::vector<Received> got = s.received();
+  ASSERT_GE(got.size(), 1u);
+  EXPECT_EQ(got[0].request_line, "CONNECT origin.invalid:443 HTTP/1.1");
+  EXPECT_EQ(HeaderLine(got[0].head, "User-Agent"), "User-Agent: seam-test/1.0");
 }
 
 TEST(HttpSeam, StaleHandlesAndCallsOutOfOrderFail) {

@@ -259,6 +259,9 @@ CURLcode Configure(Request& r, CURL* e) {
       .Set(CURLOPT_SSL_VERIFYHOST,
            (r.security_flags & kHttpSecurityFlagIgnoreCertCnInvalid) ? 0L : 2L)
       .Set(CURLOPT_PROXY, proxied ? proxy.c_str() : "")
+      // The agent goes in the header list (see StartTransfer); through a proxy curl
+      // also needs it for the tunnel's CONNECT, which takes no header of the list.
+      .Set(CURLOPT_USERAGENT, proxied && !core.agent.empty() ? core.agent.c_str() : nullptr)
       .Set(CURLOPT_REQUEST_TARGET, hop.request_line.c_str())
       .Set(CURLOPT_SHARE, core.share)
       .Set(CURLOPT_COOKIEFILE, "");
