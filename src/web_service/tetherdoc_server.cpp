@@ -344,7 +344,7 @@ int TetherdocServer::RequestJson(Json::Value& reply, const std::u16string& url,
   if (status != 200) return TDC_HRESULT_HTTP_ERROR;
 
   Json::Reader reader;
-  const bool parsed = reader.parse(text, reply);
+  const bool parsed = reader.parse(text.data(), text.data() + text.size(), reply);  // no copy
   if (!parsed || !reply.isObject()) {
     return TDC_HRESULT_SERVICE_ERROR;  // an unparsed or non-object reply has no ret
   }
