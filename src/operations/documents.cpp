@@ -41,6 +41,16 @@ void PutDocumentMembers(ops::FlatRecord& body, const Info& info) {
   body.Text("connectedNotification", info.connectedNotification);
 }
 
+// The members of a version record that say where its file is and how large it is.
+template <class Info>
+void PutFileMembers(ops::FlatRecord& body, const Info& info) {
+  body.Text("cVersionID", info.cVersionID);
+  body.Text("docPath", info.docPath);
+  body.Text("docURI", info.docURI);
+  body.Number("docSize", static_cast<int64_t>(info.docSize));
+  body.Number("docPageCount", static_cast<int64_t>(info.docPageCount));
+}
+
 // The stored versions URL with the caller's token in place of its placeholder;
 // empty when there is no URL or no placeholder.
 std::u16string VersionsUrl(const TetherdocServer& server, const char* token) {
@@ -117,15 +127,11 @@ int TetherdocServer::UploadVersionInfo(const TDC_VERSION_INFO* info) {
     ops::FlatRecord body;
     body.Text("cAppID", info->cAppID);
     body.Text("cDocID", info->cDocID);
-    body.Text("cVersionID", info->cVersionID);
     body.Text("parentID", info->parentID);
     body.Text("cUserID", info->cUserID);
     body.Text("createTime", info->createTime);
     body.Text("docName", info->docName);
-    body.Text("docPath", info->docPath);
-    body.Text("docURI", info->docURI);
-    body.Number("docSize", static_cast<int64_t>(info->docSize));
-    body.Number("docPageCount", static_cast<int64_t>(info->docPageCount));
+    PutFileMembers(body, *info);
     return PostRecord(url, body, kVersionRejected, true);
   });
 }
@@ -144,12 +150,8 @@ int TetherdocServer::UpLoadTDOC(const TDC_TDOC_INFO* info) {
       return TDC_HRESULT_FORBIDDEN;
     ops::FlatRecord body;
     PutDocumentMembers(body, *info);
-    body.Text("cVersionID", info->cVersionID);
     body.Text("parentVersionID", info->parentVersionID);
-    body.Text("docPath", info->docPath);
-    body.Text("docURI", info->docURI);
-    body.Number("docSize", static_cast<int64_t>(info->docSize));
-    body.Number("docPageCount", static_cast<int64_t>(info->docPageCount));
+    PutFileMembers(body, *info);
     return PostRecord(url, body, kDocumentRejected, false);
   });
 }

@@ -241,26 +241,22 @@ std::u16string TetherdocServer::BuildUserAgent() const {
          Utf8ToUtf16(m_av) + u" TPCSDK/" + Utf8ToUtf16(m_av);
 }
 
-std::u16string TetherdocServer::BuildRequestHeaders() const {
-  const std::u16string al = Utf8ToUtf16(Language());
+std::u16string TetherdocServer::HeadersFor(const std::string& language) const {
+  const std::u16string al = Utf8ToUtf16(language);
   return u"Content-type: application/json\r\nX-tetherdoc-UA: al(" + al + u");cv(" +
          Utf8ToUtf16(m_cv) + u");an(" + Utf8ToUtf16(m_an) + u");av(" + Utf8ToUtf16(m_av) +
          u")\r\nAccept-Language: " + al + u"\r\n";
 }
 
+std::u16string TetherdocServer::BuildRequestHeaders() const { return HeadersFor(Language()); }
+
 std::u16string TetherdocServer::RequestHeaders() const {
-  {
-    std::lock_guard<std::mutex> lock(m_lockLanguage);
-    if (!m_wsHeaders.empty() && m_headersLanguage == m_al) return m_wsHeaders;
-  }
-  // Built outside the lock (it takes the language itself); a language set meanwhile
-  // is seen by the next request.
-  const std::string language = Language();
-  std::u16string headers = BuildRequestHeaders();
   std::lock_guard<std::mutex> lock(m_lockLanguage);
-  m_wsHeaders = headers;
-  m_headersLanguage = language;
-  return headers;
+  if (m_wsHeaders.empty() || m_headersLanguage != m_al) {
+    m_wsHeaders = HeadersFor(m_al);
+    m_headersLanguage = m_al;
+  }
+  return m_wsHeaders;
 }
 
 CAsyncWinHttp* TetherdocServer::BeginRequest(const std::u16string& url,

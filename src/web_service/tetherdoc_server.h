@@ -87,6 +87,8 @@ class TetherdocServer final : public ITetherdocServer {
   std::u16string BuildRequestHeaders() const;
   // BuildRequestHeaders' text, built again only when the language has changed.
   std::u16string RequestHeaders() const;
+  // The request headers for the given language.
+  std::u16string HeadersFor(const std::string& language) const;
   CAsyncWinHttp* BeginRequest(const std::u16string& url, const std::u16string& method,
                               const std::string& body);
   int EndRequest(CAsyncWinHttp* request, std::u16string& responseBody,

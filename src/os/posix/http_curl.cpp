@@ -78,6 +78,23 @@ std::shared_ptr<Handle> Unregister(HttpHandle handle) {
   return h;
 }
 
+// Gives a child handle just linked to its parent out. Should even that run out of
+// memory, the child is unlinked again (from its lane's requests too), so that no
+// closing of the parent waits for a handle nobody holds.
+HttpHandle GiveOut(const std::shared_ptr<Handle>& child) {
+  try {
+    return Register(child);
+  } catch (...) {
+    if (child->kind == Kind::kRequest) {
+      std::lock_guard<std::mutex> lock(child->core->mu);
+      auto& list = child->core->requests;
+      list.erase(std::remove(list.begin(), list.end(), child), list.end());
+    }
+    DetachFromParent(child->parent);
+    throw;
+  }
+}
+
 template <class R>
 R FailWith(uint32_t error) {
   t_last_error = error;
@@ -512,7 +529,7 @@ HttpHandle HttpConnect(HttpHandle session, std::u16string_view server, uint16_t 
       made = std::move(c);
       return true;
     });
-    return linked ? Register(made) : nullptr;
+    return linked ? GiveOut(made) : nullptr;
   });
 }
 
@@ -552,7 +569,7 @@ HttpHandle HttpOpenRequest(HttpHandle connect, std::u16string_view verb,
       lane->requests.push_back(opened);
       opened->core = std::move(lane);
     }
-    return Register(opened);
+    return GiveOut(opened);
   });
 }
 
