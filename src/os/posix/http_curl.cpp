@@ -358,7 +358,7 @@ void SetLastError(uint32_t error) { t_last_error = error; }
 
 Request::~Request() {
   // A sender's lane that was never driven to the end may still hold the transfer.
-  if (hop.easy && core && core->own) EndTransfer(*this);
+  if (Active(hop) && core && core->own) EndTransfer(*this);
   if (header_list) curl_slist_free_all(header_list);
 }
 

@@ -73,6 +73,7 @@ int OnPrereq(void* p, char* primary_ip, char*, int, int) {
   if (r.hop.inline_body) r.hop.upload_done = true;
   if (r.hop.socket_opened) {
     NotifyText(r, kHttpStatusConnectedToServer, primary_ip ? primary_ip : "");
+    if (primary_ip) NoteAddress(r, primary_ip);
   }
   Notify(r, kHttpStatusSendingRequest);
   return CURL_PREREQFUNC_OK;
@@ -104,43 +105,14 @@ std::string RedirectTarget(const Request& r) {
 }
 
 size_t OnHeader(char* data, size_t size, size_t count, void* p) {
-  Request& r = *static_cast<Request*>(p);
-  Hop& hop = r.hop;
   const size_t n = size * count;
-  hop.t_io = Clock::now();
-  hop.response_started = true;
-  hop.header_bytes += static_cast<uint32_t>(n);
-  if (!hop.head.Add(std::string_view(data, n))) return n;
-  // The end of one response's head: interim ones are dropped, redirects may be
-  // followed, and the rest is the final response.
-  if (hop.head.status >= 100 && hop.head.status < 200) {
-    hop.head.text.clear();
-    return n;
-  }
-  if (IsRedirectStatus(hop.head.status)) {
-    std::string target = RedirectTarget(r);
-    if (!target.empty()) {
-      hop.redirect_pending = true;
-      hop.redirect_url = std::move(target);
-      return n;
-    }
-  }
-  r.final_head = hop.head;
-  r.headers_ready = true;
+  TakeHeaderLine(*static_cast<Request*>(p), std::string_view(data, n));
   return n;
 }
 
 size_t OnWrite(char* data, size_t size, size_t count, void* p) {
-  Request& r = *static_cast<Request*>(p);
   const size_t n = size * count;
-  r.hop.t_io = Clock::now();
-  if (r.hop.redirect_pending || !r.headers_ready) return n;  // the body of a redirect
-  if (r.received.Full()) {
-    r.paused = true;
-    return CURL_WRITEFUNC_PAUSE;
-  }
-  r.received.Append(data, n);
-  return n;
+  return TakeBody(*static_cast<Request*>(p), data, n) ? n : CURL_WRITEFUNC_PAUSE;
 }
 
 // ---- set-up of a hop ------------------------------------------------------------------
@@ -281,6 +253,9 @@ uint32_t StartHop(Request& r) {
   hop.inline_body = hop.has_body && !r.body.empty() && r.body.size() <= kInlineBodyMax;
   hop.t_start = hop.t_io = Clock::now();
   hop.url = hop.base + hop.target;
+  hop.wire = Wire();
+  uint32_t error = 0;
+  if (WireStart(r, &error)) return error;
 
   // A sender's lane sets its last easy handle up afresh: its buffers are ready.
   CURL* e = std::exchange(r.core->spare, nullptr);
@@ -334,7 +309,8 @@ bool AimAt(Hop& hop, const std::string& url) {
     if (hop.host.size() > 2 && hop.host.front() == '[') {
       hop.host = hop.host.substr(1, hop.host.size() - 2);
     }
-    hop.base = BaseUrl(hop.secure, hop.host, static_cast<uint16_t>(std::atoi(port)));
+    hop.port = static_cast<uint16_t>(std::atoi(port));
+    hop.base = BaseUrl(hop.secure, hop.host, hop.port);
     hop.target = std::string(path) + (query ? std::string("?") + query : std::string());
     ok = true;
   }
@@ -394,6 +370,7 @@ uint32_t HeadBytesSent(const Request& r) {
 }  // namespace
 
 void EndTransfer(Request& r, bool reusable) {
+  if (r.hop.wire.on) return WireEnd(r, reusable);
   CURL* e = r.hop.easy;
   if (!e) return;
   if (const uint32_t head = HeadBytesSent(r)) r.request_bytes = head;
@@ -418,6 +395,61 @@ void FailTransfer(Request& r, uint32_t error) {
   EndTransfer(r);
   r.done = true;
   r.error = error;
+}
+
+void TakeHeaderLine(Request& r, std::string_view line) {
+  Hop& hop = r.hop;
+  hop.t_io = Clock::now();
+  hop.response_started = true;
+  hop.header_bytes += static_cast<uint32_t>(line.size());
+  if (line.size() > 11 && EqualsNoCase(line.substr(0, 11), "Set-Cookie:")) {
+    r.core->settings->cookies = true;
+    if (hop.wire.on) KeepCookie(r, line.substr(11));
+  }
+  if (!hop.head.Add(line)) return;
+  // The end of one response's head: interim ones are dropped, redirects may be
+  // followed, and the rest is the final response.
+  if (hop.head.status >= 100 && hop.head.status < 200) {
+    hop.head.text.clear();
+    return;
+  }
+  if (IsRedirectStatus(hop.head.status)) {
+    std::string target = RedirectTarget(r);
+    if (!target.empty()) {
+      hop.redirect_pending = true;
+      hop.redirect_url = std::move(target);
+      return;
+    }
+  }
+  r.final_head = hop.head;
+  r.headers_ready = true;
+}
+
+bool TakeBody(Request& r, const char* data, size_t n) {
+  r.hop.t_io = Clock::now();
+  if (r.hop.redirect_pending || !r.headers_ready) return true;  // the body of a redirect
+  if (r.received.Full()) {
+    r.paused = true;
+    return false;
+  }
+  r.received.Append(data, n);
+  return true;
+}
+
+void NoteAddress(Request& r, const char* ip) {
+  const Hop& hop = r.hop;
+  Settings& s = *r.core->settings;
+  const auto until = Clock::now() + std::chrono::seconds(kKnownAddressSeconds);
+  std::lock_guard<std::mutex> lock(s.known_mu);
+  for (Settings::Known& k : s.known) {
+    if (k.port == hop.port && k.host == hop.host) {
+      k.ip = ip;
+      k.until = until;
+      return;
+    }
+  }
+  if (s.known.size() >= kKnownAddressMax) s.known.erase(s.known.begin());
+  s.known.push_back({hop.host, hop.port, ip, until});
 }
 
 uint32_t RequestHeadBytes(const Request& r) {
@@ -460,6 +492,7 @@ bool StartTransfer(Request& r) {
   Hop& hop = r.hop;
   hop.secure = r.secure;
   hop.host = r.host;
+  hop.port = r.port ? r.port : r.secure ? 443 : 80;
   hop.base = BaseUrl(r.secure, r.host, r.port);
   hop.target = r.target;
   hop.verb = r.verb;
@@ -473,6 +506,11 @@ bool StartTransfer(Request& r) {
 }
 
 void ResumeIfDrained(Request& r) {
+  if (r.paused && r.hop.wire.on && r.received.Drained()) {
+    r.paused = false;
+    WireStep(r);  // what waits goes on at once: the loop may be about to sleep
+    return;
+  }
   if (r.paused && r.hop.easy && r.received.Drained()) {
     r.paused = false;
     // May deliver held data at once; a refusal ends the transfer.
@@ -494,7 +532,7 @@ void OnTransferDone(Request& r, CURLcode code) {
 
 bool Deadline(const Request& r, Clock::time_point* when) {
   const Hop& hop = r.hop;
-  if (!hop.easy || r.paused || r.done) return false;
+  if (!Active(hop) || r.paused || r.done) return false;
   int32_t ms;
   Clock::time_point from;
   if (hop.prereq_fired) {

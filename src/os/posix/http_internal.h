@@ -4,6 +4,8 @@
 //                      the operation state machine of a request
 //   http_hop.cpp       one hop of a request on libcurl: set-up, callbacks, redirects,
 //                      deadlines
+//   http_wire.cpp      one hop of a sender's plain request on the lane's own connection,
+//                      without libcurl
 // Rules:
 //   - Each session owns one cookie share and one or more lanes (Core): an event thread
 //     with its own multi handle. Each connection, and its requests, stay on one lane;
@@ -36,6 +38,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -47,6 +50,10 @@ namespace tpcsdk::os::curlhttp {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kMaxRedirects = 10;
+// How long, and for how many servers, a session remembers the addresses libcurl has
+// connected to (libcurl keeps its own name lookups as long).
+constexpr int kKnownAddressSeconds = 60;
+constexpr size_t kKnownAddressMax = 16;
 // The name of every session's event thread, as the system's tools show it.
 constexpr char kEventThreadName[] = "tpcsdk-http";
 constexpr uint32_t kDefaultSecureProtocols =
@@ -98,6 +105,8 @@ struct Timeouts {
 enum class Kind { kSession, kConnect, kRequest };
 
 struct Core;
+// Closes a lane's own connection, if it has one.
+void CloseWire(Core& core);
 
 struct Handle : std::enable_shared_from_this<Handle> {
   explicit Handle(Kind k) : kind(k) {}
@@ -143,6 +152,31 @@ enum class Phase {
   kFailed,     // a REQUEST_ERROR ended the exchange
 };
 
+// A hop run on the sender lane's own connection (http_wire.cpp): plain HTTP/1.1 with
+// no proxy, for a session without cookies. libcurl serves every other hop.
+struct Wire {
+  enum class Stage : uint8_t { kConnect, kSend, kHead, kBody };
+  enum class Framing : uint8_t { kNone, kLength, kChunked, kClose };
+  enum class Chunk : uint8_t { kSize, kData, kDataEnd, kTrailer };
+  bool on = false;
+  Stage stage = Stage::kConnect;
+  Framing framing = Framing::kNone;
+  Chunk chunk = Chunk::kSize;
+  bool reused = false;      // on a connection kept from an earlier exchange
+  bool retried = false;     // already sent again on a new connection
+  bool keep_alive = false;  // the connection may serve the next exchange
+  bool complete = false;    // the response has ended where its framing says
+  bool ready = false;       // the last wait found the socket ready for `want`
+  bool any_reply = false;   // a byte of the response has arrived
+  bool seen_status = false;  // the first line of a head has been checked
+  short want = 0;           // POLLIN or POLLOUT while the hop waits for its socket
+  std::string out;          // the head; the body follows it from the request
+  size_t sent = 0;          // bytes of the head and body sent
+  std::string in;           // received bytes not yet taken
+  size_t in_at = 0;
+  uint64_t left = 0;        // body bytes still to come: of the length, or of the chunk
+};
+
 // The state of one hop of the transfer: one libcurl easy handle, reset on a redirect.
 struct Hop {
   CURL* easy = nullptr;
@@ -150,6 +184,7 @@ struct Hop {
   std::string base;         // "scheme://host:port"
   std::string target;       // what goes on the request line
   std::string host;
+  uint16_t port = 0;
   bool secure = false;
   std::string verb;
   std::string request_line;  // kept alive for curl
@@ -166,7 +201,11 @@ struct Hop {
   bool redirect_pending = false;
   std::string redirect_url;
   uint32_t header_bytes = 0;
+  Wire wire;
 };
+
+// True while a hop's transfer is under way, on libcurl or on the lane's own connection.
+inline bool Active(const Hop& hop) { return hop.easy != nullptr || hop.wire.on; }
 
 struct Request : Handle {
   static constexpr Kind kKind = Kind::kRequest;
@@ -236,6 +275,19 @@ struct Settings {
   std::atomic<uint32_t> secure_protocols{kDefaultSecureProtocols};
   CURLSH* share = nullptr;
   std::mutex share_mu[CURL_LOCK_DATA_LAST];
+  // Set once a response has set a cookie: from then on libcurl, which keeps them, serves
+  // every request of the session.
+  std::atomic<bool> cookies{false};
+  // Addresses libcurl has connected to, so that a sender's later requests to the same
+  // server can go on the lane's own connection without a name lookup of their own.
+  struct Known {
+    std::string host;
+    uint16_t port;
+    std::string ip;
+    std::chrono::steady_clock::time_point until;
+  };
+  std::mutex known_mu;
+  std::vector<Known> known;
   // The lanes of sender-driven requests that have ended, each with its multi handle,
   // the connections that keeps alive, its last easy handle and the room of its lists,
   // for the next such request.
@@ -266,6 +318,7 @@ struct Core {
   ~Core() {
     if (multi) curl_multi_cleanup(multi);
     if (spare) curl_easy_cleanup(spare);
+    CloseWire(*this);
   }
   Core(const Core&) = delete;
   Core& operator=(const Core&) = delete;
@@ -281,6 +334,10 @@ struct Core {
   bool own = false;
   bool driving = false;
   CURL* spare = nullptr;  // a sender's lane: an easy handle done with, for the next hop
+  // A sender's lane: its own plain connection, kept alive between exchanges, and the
+  // server ("host:port") it leads to.
+  int wire_fd = -1;
+  std::string wire_peer;
   std::thread::id last_user;  // an idle sender's lane: the thread that used it last
   std::vector<std::shared_ptr<Request>> requests;
   std::vector<std::shared_ptr<Request>> passing;  // Pass's copy of `requests`
@@ -345,5 +402,30 @@ void FailTransfer(Request& r, uint32_t error);
 bool Deadline(const Request& r, Clock::time_point* when);
 // Bytes of the request's head as sent, 0 when not known yet.
 uint32_t RequestHeadBytes(const Request& r);
+// Takes one line of a response's head, as it arrived: interim heads are dropped, a
+// redirect to follow is noted, and the final head is kept for the caller.
+void TakeHeaderLine(Request& r, std::string_view line);
+// Takes body bytes of the hop: all of them, or none when the reader's buffer is full
+// (the transfer pauses).
+bool TakeBody(Request& r, const char* data, size_t n);
+// Notes, for a sender's later requests, the address a hop has connected to.
+void NoteAddress(Request& r, const char* ip);
+
+// ---- http_wire.cpp (core->mu held) ----------------------------------------------------
+
+// True when the hop can run on the lane's own connection; then it starts it. `error`
+// gets why it failed at once (0 when it did not).
+bool WireStart(Request& r, uint32_t* error);
+// Stores a cookie a hop on the lane's own connection has been given (the text after
+// "Set-Cookie:") in the session's cookies, where libcurl finds it for the next request.
+void KeepCookie(Request& r, std::string_view text);
+// Moves the hop on as far as its socket allows.
+void WireStep(Request& r);
+// Ends the hop; `reusable`: it ran to its end, so the connection may stay open.
+void WireEnd(Request& r, bool reusable);
+// The socket and events the lane's loop waits for; false when its hop waits for none.
+bool WireWaitsFor(const Core& core, int* fd, short* events);
+// The wait for that socket has returned.
+void WireReady(Core& core, int fd);
 
 }  // namespace tpcsdk::os::curlhttp

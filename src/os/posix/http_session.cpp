@@ -1,5 +1,6 @@
 // A session's event thread: the notification queue and its delivery, the operation
 // state machine of each request, the closing of handles, and the end of the session.
+#include <poll.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -275,6 +276,9 @@ bool Pass(Core& core, std::unique_lock<std::mutex>& lock, Clock::time_point* now
     if (curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &p) != CURLE_OK) p = nullptr;
     if (p) OnTransferDone(*static_cast<Request*>(p), msg->data.result);
   }
+  if (core.own) {
+    for (const auto& r : requests) WireStep(*r);
+  }
   *now = Clock::now();
   *next = Clock::time_point::max();
   ApplyDeadlines(requests, *now, next);
@@ -317,13 +321,19 @@ void WaitForWork(Core& core, std::unique_lock<std::mutex>& lock, Clock::time_poi
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count() + 1;
     wait_ms = static_cast<int>(std::min<long long>(wait_ms, ms));
   }
+  // A sender's hop on the lane's own connection waits for its socket in the same poll.
+  curl_waitfd wire{};
+  short events = 0;
+  const bool on_wire = WireWaitsFor(core, &wire.fd, &events);
+  wire.events = events == POLLOUT ? CURL_WAIT_POLLOUT : CURL_WAIT_POLLIN;
   // Only a loop that waits in the poll needs a wake-up; otherwise it sees `dirty`
   // before it waits again.
   core.polling = true;
   lock.unlock();
-  curl_multi_poll(core.multi, nullptr, 0, wait_ms, nullptr);
+  curl_multi_poll(core.multi, on_wire ? &wire : nullptr, on_wire ? 1 : 0, wait_ms, nullptr);
   lock.lock();
   core.polling = false;
+  if (on_wire) WireReady(core, wire.fd);
 }
 
 void Loop(std::shared_ptr<Core> core) {
@@ -457,7 +467,7 @@ bool CloseHere(const std::shared_ptr<Handle>& h, std::unique_lock<std::mutex>& l
   }
   Request* r = h->kind == Kind::kRequest ? static_cast<Request*>(h.get()) : nullptr;
   // curl's objects are the event thread's; a transfer under way is ended there.
-  if (r && !served_here && (r->hop.easy || (r->started && !r->done))) return false;
+  if (r && !served_here && (Active(r->hop) || (r->started && !r->done))) return false;
   // What the close queues is taken aside; what others queued stays for the event thread.
   std::vector<Note> mine = TakeBatch(core);
   if (!served_here) mine.swap(core.notes);
