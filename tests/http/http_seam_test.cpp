@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "http/raw_server.h"
@@ -48,7 +49,8 @@ bool IsInformational(uint32_t s) {
 }
 
 // One request run the way the transport runs it: receive on send complete, query on
-// headers, read what is available, query again after each read.
+// headers, read what is available, query again after each read. Opened with
+// kHttpFlagSenderDrives, the wait for its end drives it on the waiting thread.
 class Exchange {
  public:
   explicit Exchange(uint16_t port, const std::u16string& verb = u"GET",
@@ -56,7 +58,8 @@ class Exchange {
                     const std::u16string& host = u"127.0.0.1",
                     uint32_t access = kHttpAccessTypeNoProxy, const std::u16string& proxy = u"",
                     HttpHandle shared_session = nullptr)
-      : own_session_(shared_session == nullptr) {
+      : own_session_(shared_session == nullptr),
+        sender_drives_((flags & kHttpFlagSenderDrives) != 0) {
     session_ = own_session_ ? HttpOpen(u"seam-test/1.0", access, proxy, u"", kHttpFlagAsync)
                             : shared_session;
     connect_ = session_ ? HttpConnect(session_, host, port) : nullptr;
@@ -79,14 +82,23 @@ class Exchange {
   void CloseRequest() {
     if (request_ && !closed_.exchange(true)) HttpCloseHandle(request_);
   }
-  bool WaitEnded(std::chrono::milliseconds bound = kBound) { return ended_.WaitFor(bound); }
+  // A sender-driven request not driven yet is driven here; where the backend declines
+  // (WinHTTP runs it on its own threads), this waits as for any other request.
+  bool WaitEnded(std::chrono::milliseconds bound = kBound) {
+    if (sender_drives_ && !drive_tried_) Drive();
+    return ended_.WaitFor(bound);
+  }
   // For a request opened with kHttpFlagSenderDrives: runs it on this thread until it
   // ends, where the backend does that; false when it does not.
   bool Drive() {
-    return HttpDriveUntil(
+    drive_tried_ = true;
+    driven_ = HttpDriveUntil(
         request_, [](void* self) { return static_cast<Exchange*>(self)->ended_flag_.load(); },
         this);
+    return driven_;
   }
+  // Whether the last drive ran the exchange on the calling thread.
+  bool driven() const { return driven_; }
   bool closing_delivered() const { return closing_flag_.load(); }
   bool WaitClosing() { return closing_.WaitFor(kBound); }
   bool WaitReads(int n) {
@@ -203,6 +215,8 @@ class Exchange {
   }
 
   const bool own_session_;
+  const bool sender_drives_;
+  bool drive_tried_ = false, driven_ = false;
   HttpHandle session_ = nullptr, connect_ = nullptr, request_ = nullptr;
   std::mutex mu_;
   std::vector<Event> events_;
@@ -215,6 +229,32 @@ class Exchange {
   int foreign_context_ = 0;
   testkit::Signal ended_, closing_;
 };
+
+// Who runs an exchange: the session's event thread, or the sender while it waits.
+enum class Mode { kEventThread, kSenderDrives };
+const Mode kModes[] = {Mode::kEventThread, Mode::kSenderDrives};
+
+uint32_t FlagsOf(Mode m) { return m == Mode::kSenderDrives ? kHttpFlagSenderDrives : 0; }
+std::string NameOf(Mode m) { return m == Mode::kSenderDrives ? "SenderDrives" : "EventThread"; }
+
+// A suite whose cases each run in both modes; the mode ends the test's name.
+template <class Case>
+class ModeSuite : public ::testing::TestWithParam<std::tuple<Case, Mode>> {
+ protected:
+  const Case& param() const { return std::get<0>(this->GetParam()); }
+  uint32_t mode_flags() const { return FlagsOf(std::get<1>(this->GetParam())); }
+};
+
+template <class Case>
+auto InBothModes(std::initializer_list<Case> cases) {
+  return ::testing::Combine(::testing::ValuesIn(std::vector<Case>(cases)),
+                            ::testing::ValuesIn(kModes));
+}
+
+template <class Info, class F>
+std::string CaseAndMode(const Info& info, F&& case_name) {
+  return std::string(case_name(std::get<0>(info.param))) + "_" + NameOf(std::get<1>(info.param));
+}
 
 std::string Reply(const std::string& status, const std::string& body,
                   const std::string& extra = "") {
@@ -249,11 +289,13 @@ bool HoldUntilClosedOrReleased(Connection& c, testkit::Signal& release) {
 
 }  // namespace
 
-TEST(HttpSeam, PlainReplyArrivesInWinHttpOrder) {
+class HttpSeamModes : public ::testing::TestWithParam<Mode> {};
+
+TEST_P(HttpSeamModes, PlainReplyArrivesInWinHttpOrder) {
   RawServer* server = nullptr;
   RawServer s(Answer(&server, Reply("200 OK", "hello", "X-Extra: one\r\n")));
   server = &s;
-  Exchange x(s.port(), u"POST", u"/p?q=1");
+  Exchange x(s.port(), u"POST", u"/p?q=1", FlagsOf(GetParam()));
   ASSERT_TRUE(x.ok());
   ASSERT_TRUE(x.Send("{\"a\":1}", u"Content-type: application/json\r\nX-Test: v\r\n"));
   ASSERT_TRUE(x.WaitEnded());
@@ -265,7 +307,15 @@ TEST(HttpSeam, PlainReplyArrivesInWinHttpOrder) {
       kHttpStatusSendRequestComplete, kHttpStatusHeadersAvailable, kHttpStatusDataAvailable,
       kHttpStatusReadComplete,        kHttpStatusDataAvailable,    kHttpStatusHandleClosing};
   ASSERT_EQ(ev.size(), expected.size());
-  for (size_t i = 0; i < ev.size(); ++i) EXPECT_EQ(ev[i].status, expected[i]) << i;
+  // Driven by the sender where the backend does that, else on the backend's threads.
+#ifndef _WIN32
+  EXPECT_EQ(x.driven(), GetParam() == Mode::kSenderDrives);
+#endif
+  for (size_t i = 0; i + 1 < ev.size(); ++i) {
+    EXPECT_EQ(ev[i].status, expected[i]) << i;
+    EXPECT_EQ(ev[i].thread == std::this_thread::get_id(), x.driven()) << i;
+  }
+  EXPECT_EQ(ev.back().status, kHttpStatusHandleClosing);
   EXPECT_EQ(x.DataCounts(), (std::vector<uint32_t>{5, 0}));
   x.ExpectClosedCleanly();
 
@@ -285,12 +335,12 @@ TEST(HttpSeam, PlainReplyArrivesInWinHttpOrder) {
   EXPECT_EQ(HeaderLine(got[0].head, "Content-type"), "Content-type: application/json");
 }
 
-class HttpSeamChunks : public ::testing::TestWithParam<bool> {};
+class HttpSeamChunks : public ModeSuite<bool> {};
 
 // Each piece is sent only after the client has read the one before, so each must come
 // as its own DATA_AVAILABLE, whatever the framing.
 TEST_P(HttpSeamChunks, BodyInPiecesArrivesPieceByPiece) {
-  const bool chunked = GetParam();
+  const bool chunked = param();
   if (chunked && httptest::UnderWine()) {
     GTEST_SKIP() << "wine's WinHTTP does not answer a query until more of a chunked body arrives";
   }
@@ -309,7 +359,7 @@ TEST_P(HttpSeamChunks, BodyInPiecesArrivesPieceByPiece) {
     }
     c.PeerClosedWithin(10000);
   });
-  Exchange x(s.port());
+  Exchange x(s.port(), u"GET", u"/p", mode_flags());
   client = &x;
   ASSERT_TRUE(x.Send());
   ASSERT_TRUE(x.WaitEnded());
@@ -320,8 +370,9 @@ TEST_P(HttpSeamChunks, BodyInPiecesArrivesPieceByPiece) {
   x.ExpectClosedCleanly();
 }
 
-INSTANTIATE_TEST_SUITE_P(Framing, HttpSeamChunks, ::testing::Values(false, true),
-                         [](const auto& info) { return info.param ? "Chunked" : "Length"; });
+INSTANTIATE_TEST_SUITE_P(Framing, HttpSeamChunks, InBothModes({false, true}), [](const auto& info) {
+  return CaseAndMode(info, [](bool chunked) { return chunked ? "Chunked" : "Length"; });
+});
 
 TEST(HttpSeam, CloseMidBodyCancelsAndStillDeliversClosing) {
   testkit::Signal release;
@@ -414,10 +465,10 @@ struct FailureCase {
   std::vector<uint32_t> errors;  // WinHTTP's number first; wine reports some socket errors
 };
 
-class HttpSeamFailure : public ::testing::TestWithParam<FailureCase> {};
+class HttpSeamFailure : public ModeSuite<FailureCase> {};
 
 TEST_P(HttpSeamFailure, EndsWithOneRequestError) {
-  const FailureCase& fc = GetParam();
+  const FailureCase& fc = param();
   if (fc.how == FailureCase::kConnectTimeout && httptest::UnderWine()) {
     GTEST_SKIP() << "wine's WinHTTP sets no limit on the TLS handshake";
   }
@@ -442,7 +493,7 @@ TEST_P(HttpSeamFailure, EndsWithOneRequestError) {
   });
   const uint16_t port = fc.how == FailureCase::kRefused ? httptest::ClosedPort() : s.port();
   Exchange x(port, fc.how == FailureCase::kSendTimeout ? u"POST" : u"GET", u"/p",
-             fc.how == FailureCase::kConnectTimeout ? kHttpFlagSecure : 0);
+             (fc.how == FailureCase::kConnectTimeout ? kHttpFlagSecure : 0) | mode_flags());
   client = &x;
   x.HoldAfterReads(1);
   // Short limits in place of the defaults of a minute and half a minute.
@@ -476,7 +527,7 @@ TEST_P(HttpSeamFailure, EndsWithOneRequestError) {
 
 INSTANTIATE_TEST_SUITE_P(
     Failures, HttpSeamFailure,
-    ::testing::Values(
+    InBothModes<FailureCase>({
         FailureCase{"Refused", FailureCase::kRefused, kHttpApiSendRequest, {kHttpErrorCannotConnect}},
         FailureCase{"CloseBeforeHeaders", FailureCase::kCloseBeforeHeaders, kHttpApiReceiveResponse,
                     {kHttpErrorInvalidServerResponse}},
@@ -489,8 +540,8 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"ConnectTimeout", FailureCase::kConnectTimeout, kHttpApiSendRequest,
                     {kHttpErrorTimeout, 10060}},
         FailureCase{"SendTimeout", FailureCase::kSendTimeout, kHttpApiSendRequest,
-                    {kHttpErrorTimeout, 10060}}),
-    [](const auto& info) { return std::string(info.param.name); });
+                    {kHttpErrorTimeout, 10060}}}),
+    [](const auto& info) { return CaseAndMode(info, [](const auto& c) { return c.name; }); });
 
 struct RedirectCase {
   const char* name;
@@ -501,10 +552,10 @@ struct RedirectCase {
   bool wine_follows;  // wine's WinHTTP follows only some of these
 };
 
-class HttpSeamRedirect : public ::testing::TestWithParam<RedirectCase> {};
+class HttpSeamRedirect : public ModeSuite<RedirectCase> {};
 
 TEST_P(HttpSeamRedirect, FollowedLikeWinHttp) {
-  const RedirectCase& rc = GetParam();
+  const RedirectCase& rc = param();
   if (!rc.wine_follows && httptest::UnderWine()) GTEST_SKIP() << "wine does not follow this one";
   RawServer* server = nullptr;
   RawServer s([&](Connection& c) {
@@ -521,7 +572,7 @@ TEST_P(HttpSeamRedirect, FollowedLikeWinHttp) {
     }
   });
   server = &s;
-  Exchange x(s.port(), rc.verb, u"/start");
+  Exchange x(s.port(), rc.verb, u"/start", mode_flags());
   ASSERT_TRUE(x.Send("body"));
   ASSERT_TRUE(x.WaitEnded());
   EXPECT_EQ(x.status_code, 200u);
@@ -540,12 +591,12 @@ TEST_P(HttpSeamRedirect, FollowedLikeWinHttp) {
 
 INSTANTIATE_TEST_SUITE_P(
     Redirects, HttpSeamRedirect,
-    ::testing::Values(
+    InBothModes<RedirectCase>({
         RedirectCase{"Found302Post", 302, u"POST", "GET /final?x=1 HTTP/1.1", false, false},
         RedirectCase{"SeeOther303Put", 303, u"PUT", "GET /final?x=1 HTTP/1.1", false, false},
         RedirectCase{"Temporary307Post", 307, u"POST", "POST /final?x=1 HTTP/1.1", true, true},
-        RedirectCase{"Permanent308Put", 308, u"PUT", "PUT /final?x=1 HTTP/1.1", true, false}),
-    [](const auto& info) { return std::string(info.param.name); });
+        RedirectCase{"Permanent308Put", 308, u"PUT", "PUT /final?x=1 HTTP/1.1", true, false}}),
+    [](const auto& info) { return CaseAndMode(info, [](const auto& c) { return c.name; }); });
 
 struct TargetCase {
   const char* name;
@@ -554,23 +605,23 @@ struct TargetCase {
   const char* on_wire;
 };
 
-class HttpSeamTarget : public ::testing::TestWithParam<TargetCase> {};
+class HttpSeamTarget : public ModeSuite<TargetCase> {};
 
 TEST_P(HttpSeamTarget, ObjectNameReachesTheWireAsWinHttpSendsIt) {
   RawServer* server = nullptr;
   RawServer s(Answer(&server, Reply("200 OK", "ok")));
   server = &s;
-  Exchange x(s.port(), u"GET", GetParam().object, GetParam().flags);
+  Exchange x(s.port(), u"GET", param().object, param().flags | mode_flags());
   ASSERT_TRUE(x.Send());
   ASSERT_TRUE(x.WaitEnded());
   const std::vector<Received> got = s.received();
   ASSERT_EQ(got.size(), 1u);
-  EXPECT_EQ(got[0].request_line, std::string("GET ") + GetParam().on_wire + " HTTP/1.1");
+  EXPECT_EQ(got[0].request_line, std::string("GET ") + param().on_wire + " HTTP/1.1");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Targets, HttpSeamTarget,
-    ::testing::Values(
+    InBothModes<TargetCase>({
         TargetCase{"UnsafeEscaped", u"/p a/\u00e9?q=a b&c=%&d=\"<>{}|\\^`~'#x", 0,
                    "/p%20a/%C3%A9?q=a%20b&c=%&d=%22%3C%3E%7B%7D%7C%5C%5E%60~'%23x"},
         TargetCase{"RawKeepsUnsafe", u"/p a/\u00e9?q=a b&c=%&d=\"<>{}|\\^`~'#x",
@@ -582,18 +633,18 @@ INSTANTIATE_TEST_SUITE_P(
         TargetCase{"TicketEscapesByteForByte",
                    u"/tdocapi/v1/users/get-cas-ticket?service=http%3A%2F%2Fh%2F%3Fa%3Db%20c",
                    kHttpFlagEscapeDisable,
-                   "/tdocapi/v1/users/get-cas-ticket?service=http%3A%2F%2Fh%2F%3Fa%3Db%20c"}),
-    [](const auto& info) { return std::string(info.param.name); });
+                   "/tdocapi/v1/users/get-cas-ticket?service=http%3A%2F%2Fh%2F%3Fa%3Db%20c"}}),
+    [](const auto& info) { return CaseAndMode(info, [](const auto& c) { return c.name; }); });
 
 // A body far larger than the receive buffer, read in small steps: it arrives whole and
 // in order through every pause and resume, and no answer reports more than is bounded.
-TEST(HttpSeam, LargeBodyPassesThroughTheBoundedBuffer) {
+TEST_P(HttpSeamModes, LargeBodyPassesThroughTheBoundedBuffer) {
   std::string big(4 << 20, '\0');
   for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>('a' + (i * 7 + i / 977) % 26);
   RawServer* server = nullptr;
   RawServer s(Answer(&server, Reply("200 OK", big)));
   server = &s;
-  Exchange x(s.port());
+  Exchange x(s.port(), u"GET", u"/p", FlagsOf(GetParam()));
   x.ReadSize(3000);
   ASSERT_TRUE(x.Send());
   ASSERT_TRUE(x.WaitEnded(60s));
@@ -602,17 +653,20 @@ TEST(HttpSeam, LargeBodyPassesThroughTheBoundedBuffer) {
   EXPECT_LE(*std::max_element(counts.begin(), counts.end()), 1u << 20);
 }
 
-class HttpSeamPostBody : public ::testing::TestWithParam<size_t> {};
+INSTANTIATE_TEST_SUITE_P(Both, HttpSeamModes, ::testing::ValuesIn(kModes),
+                         [](const auto& info) { return NameOf(info.param); });
+
+class HttpSeamPostBody : public ModeSuite<size_t> {};
 
 // A body of any size reaches the server whole, however the backend hands it over, and
 // REQUEST_SENT counts the head and the body as they went out.
 TEST_P(HttpSeamPostBody, ReachesTheServerWholeAndIsCounted) {
-  std::string sent(GetParam(), '\0');
+  std::string sent(param(), '\0');
   for (size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<char>('a' + (i * 11 + i / 313) % 26);
   RawServer* server = nullptr;
   RawServer s(Answer(&server, Reply("200 OK", "ok")));
   server = &s;
-  Exchange x(s.port(), u"POST", u"/upload");
+  Exchange x(s.port(), u"POST", u"/upload", mode_flags());
   ASSERT_TRUE(x.ok());
   ASSERT_TRUE(x.Send(sent, u"Content-type: application/json\r\n"));
   ASSERT_TRUE(x.WaitEnded(60s));
@@ -636,8 +690,10 @@ TEST_P(HttpSeamPostBody, ReachesTheServerWholeAndIsCounted) {
 
 // Around the size up to which the Linux backend gives curl the body in one block.
 INSTANTIATE_TEST_SUITE_P(Sizes, HttpSeamPostBody,
-                         ::testing::Values(size_t{0}, size_t{1}, size_t{241}, size_t{16 * 1024},
-                                           size_t{16 * 1024 + 1}, size_t{300 * 1024}));
+                         InBothModes<size_t>({0, 1, 241, 16 * 1024, 16 * 1024 + 1, 300 * 1024}),
+                         [](const auto& info) {
+                           return CaseAndMode(info, [](size_t n) { return std::to_string(n); });
+                         });
 
 TEST(HttpSeam, NamedProxyCarriesTheWholeUrl) {
   RawServer* server = nullptr;
