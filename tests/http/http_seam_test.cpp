@@ -900,41 +900,265 @@ TEST(HttpSeamSenderDrives, ClosedBeforeTheDriveEndsCleanly) {
   x.ExpectClosedCleanly();
 }
 
-// Sender-driven requests one after another on one session keep one connection alive
-// between them, as a reused easy handle of libcurl would.
-TEST(HttpSeamSenderDrives, RequestsInTurnShareOneConnection) {
-  constexpr int kRequests = 3;
+// Sender-driven requests in turn on one session: a connection the server keeps serves
+// the next request; one the server ends (idle, or by Connection: close) is replaced; a
+// request sent on a kept connection the server drops unanswered is sent again on a new
+// one. (Requests run by the event thread go to the session's lanes in turn, each with
+// connections of its own, so they are not counted here.)
+struct ReuseCase {
+  const char* name;
+  enum { kKeep, kCloseIdle, kConnectionClose, kDropSecond } server;
+  int connections;  // for the two requests
+  int received;     // requests that reached the server, the dropped one included
+};
+
+class HttpSeamSenderDrivesReuse : public ::testing::TestWithParam<ReuseCase> {};
+
+TEST_P(HttpSeamSenderDrivesReuse, SecondRequestFindsAConnection) {
+  const ReuseCase& rc = GetParam();
   RawServer* server = nullptr;
   std::atomic<int> connections{0};
   RawServer s([&](Connection& c) {
-    ++connections;
-    for (int i = 0; i < kRequests; ++i) {
-      Received r;
-      if (!c.Read(&r)) return;
+    const int n = ++connections;
+    Received r;
+    while (c.Read(&r)) {
       server->Record(r);
-      c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+      if (rc.server == ReuseCase::kDropSecond && n == 1 && server->received().size() == 2) return;
+      const bool close = rc.server == ReuseCase::kConnectionClose;
+      c.Send(std::string("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n") +
+             (close ? "Connection: close\r\n" : "") + "\r\nok");
+      if (close) c.PeerClosedWithin(10000);
+      if (close || rc.server == ReuseCase::kCloseIdle) return;
     }
   });
   server = &s;
   HttpHandle session = HttpOpen(u"seam-test/1.0", kHttpAccessTypeNoProxy, u"", u"", kHttpFlagAsync);
   ASSERT_NE(session, nullptr);
-  for (int i = 0; i < kRequests; ++i) {
-    Exchange x(s.port(), u"GET", u"/k", kHttpFlagSenderDrives, u"127.0.0.1",
+  for (const char16_t* object : {u"/first", u"/second"}) {
+    Exchange x(s.port(), u"GET", object, kHttpFlagSenderDrives, u"127.0.0.1",
                kHttpAccessTypeNoProxy, u"", session);
-    ASSERT_TRUE(x.ok());
     ASSERT_TRUE(x.Send());
-    x.Drive();
     ASSERT_TRUE(x.WaitEnded());
+    EXPECT_EQ(x.status_code, 200u);
     EXPECT_EQ(x.body, "ok");
     x.CloseRequest();
     ASSERT_TRUE(x.WaitClosing());
+    x.ExpectClosedCleanly();
   }
-  EXPECT_EQ(s.received().size(), static_cast<size_t>(kRequests));
-#ifndef _WIN32
-  EXPECT_EQ(connections.load(), 1);
-#endif
-  HttpCloseHandle(session);
+  const std::vector<Received> got = s.received();
+  ASSERT_EQ(got.size(), static_cast<size_t>(rc.received));
+  EXPECT_EQ(got.back().request_line, "GET /second HTTP/1.1");
+  EXPECT_EQ(connections.load(), rc.connections);
+  EXPECT_TRUE(HttpCloseHandle(session));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    InTurn, HttpSeamSenderDrivesReuse,
+    ::testing::Values(ReuseCase{"Kept", ReuseCase::kKeep, 1, 2},
+                      ReuseCase{"ClosedWhenIdle", ReuseCase::kCloseIdle, 2, 2},
+                      ReuseCase{"ConnectionClose", ReuseCase::kConnectionClose, 2, 2},
+                      ReuseCase{"DroppedUnanswered", ReuseCase::kDropSecond, 2, 3}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// ---- the same exchange in both modes -------------------------------------------------
+
+struct WireCase {
+  const char* name;
+  std::u16string verb, object;
+  size_t body_size;
+  std::u16string added;    // through HttpAddRequestHeaders
+  std::u16string headers;  // with the send
+};
+
+std::u16string ManyHeaders() {
+  std::u16string out;
+  for (int i = 0; i < 40; ++i) {
+    out += tpcsdk::Utf8ToUtf16("X-Many-" + std::to_string(i) + ": value " + std::to_string(i)) +
+           u"\r\n";
+  }
+  return out;
+}
+
+class HttpSeamWire : public ::testing::TestWithParam<WireCase> {};
+
+// The request goes out byte for byte the same, head and body, whoever runs it.
+TEST_P(HttpSeamWire, RequestIsTheSameInBothModes) {
+  const WireCase& wc = GetParam();
+  std::string body(wc.body_size, '\0');
+  for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>('A' + (i * 5 + i / 101) % 26);
+  RawServer* server = nullptr;
+  RawServer s(Answer(&server, Reply("200 OK", "ok")));
+  server = &s;
+  for (Mode m : kModes) {
+    Exchange x(s.port(), wc.verb, wc.object, FlagsOf(m));
+    ASSERT_TRUE(x.ok());
+    if (!wc.added.empty()) {
+      ASSERT_TRUE(HttpAddRequestHeaders(x.request(), wc.added, kHttpAddReqFlagAdd));
+    }
+    ASSERT_TRUE(x.Send(body, wc.headers));
+    ASSERT_TRUE(x.WaitEnded()) << NameOf(m);
+    EXPECT_EQ(x.status_code, 200u) << NameOf(m);
+  }
+  const std::vector<Received> got = s.received();
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[1].head, got[0].head);
+  EXPECT_TRUE(got[0].body == body) << got[0].body.size() << " bytes of " << body.size();
+  EXPECT_TRUE(got[1].body == body) << got[1].body.size() << " bytes of " << body.size();
+  EXPECT_EQ(got[0].request_line.rfind(tpcsdk::Utf16ToUtf8(wc.verb) + " ", 0), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, HttpSeamWire,
+    ::testing::Values(
+        WireCase{"Get", u"GET", u"/w", 0, u"", u""},
+        WireCase{"Head", u"HEAD", u"/w", 0, u"", u""},
+        WireCase{"PostSmall", u"POST", u"/w", 5, u"", u"Content-Type: text/plain\r\n"},
+        WireCase{"PostAbove16KiB", u"POST", u"/w", 16 * 1024 + 7, u"", u""},
+        WireCase{"PostAbove64KiB", u"POST", u"/w", 64 * 1024 + 7, u"", u""},
+        WireCase{"PostEmpty", u"POST", u"/w", 0, u"", u""},
+        WireCase{"PutEmpty", u"PUT", u"/w", 0, u"", u""},
+        WireCase{"Delete", u"DELETE", u"/w/1", 0, u"", u""},
+        WireCase{"CustomVerb", u"PROPFIND", u"/w/", 0, u"", u""},
+        WireCase{"AddedAndSentHeaders", u"POST", u"/w", 3,
+                 u"Content-Type: application/json\r\nX-Added: a\r\n", u"X-Sent: s\r\n"},
+        WireCase{"OwnUserAgent", u"GET", u"/w", 0, u"User-Agent: own-agent/2.0\r\n", u""},
+        WireCase{"EmptyValue", u"GET", u"/w", 0, u"X-Empty:\r\n", u"X-Other: o\r\n"},
+        WireCase{"ManyHeaders", u"GET", u"/w", 0, ManyHeaders(), u"X-Last: l\r\n"},
+        WireCase{"Query", u"GET", u"/w?a=1&b=two&c", 0, u"", u""},
+        WireCase{"Escaped", u"GET", u"/w x/\u00e9?q=a b&r=\"<>\"", 0, u"", u""},
+        WireCase{"HostWithPort", u"GET", u"/w", 0, u"Host: origin.test:8443\r\n", u""}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct FramingCase {
+  const char* name;
+  const char16_t* verb;
+  const char* wire;  // what the server sends; each '|' starts another write
+  enum End { kClose, kKeep, kResetAfterRead } end;
+  uintptr_t fails_in;  // the call that fails, 0 for none
+  uint32_t status;   // the status seen, 0 when no head arrived
+  const char* body;  // the body read
+};
+
+// What a client saw of one exchange.
+struct Outcome {
+  uint32_t status = 0;
+  std::string body;
+  std::u16string raw_headers;
+  std::vector<uint32_t> counts;
+  std::vector<std::pair<uintptr_t, uint32_t>> errors;  // call, error
+};
+
+// The final head of a reply as sent: interim 1xx heads skipped, write marks dropped.
+std::u16string FinalHead(std::string wire) {
+  wire.erase(std::remove(wire.begin(), wire.end(), '|'), wire.end());
+  while (wire.rfind("HTTP/1.1 1", 0) == 0) wire.erase(0, wire.find("\r\n\r\n") + 4);
+  return tpcsdk::Utf8ToUtf16(wire.substr(0, wire.find("\r\n\r\n") + 4));
+}
+
+void RunFraming(const FramingCase& fc, Mode mode, Outcome* out) {
+  Exchange* client = nullptr;
+  RawServer s([&](Connection& c) {
+    Received r;
+    if (!c.Read(&r)) return;
+    const std::string wire = fc.wire;
+    for (size_t at = 0, bar; at <= wire.size(); at = bar + 1) {
+      bar = std::min(wire.find('|', at), wire.size());
+      if (bar > at) c.Send(wire.substr(at, bar - at));
+    }
+    if (fc.end == FramingCase::kKeep) c.PeerClosedWithin(10000);
+    if (fc.end == FramingCase::kResetAfterRead && client->WaitReads(1)) c.Reset();
+  });
+  Exchange x(s.port(), fc.verb, u"/f", FlagsOf(mode));
+  client = &x;
+  x.HoldAfterReads(fc.end == FramingCase::kResetAfterRead ? 1 : -1);
+  ASSERT_TRUE(x.Send());
+  ASSERT_TRUE(x.WaitEnded());
+  x.CloseRequest();
+  ASSERT_TRUE(x.WaitClosing());
+  x.ExpectClosedCleanly();
+  out->status = x.status_code;
+  out->body = x.body;
+  out->raw_headers = x.raw_headers;
+  out->counts = x.DataCounts();
+  for (const Event& e : x.Main()) {
+    if (e.status == kHttpStatusRequestError) out->errors.emplace_back(e.call, e.error);
+  }
+  const std::vector<Event> ev = x.Main();
+  ASSERT_GE(ev.size(), 2u);
+  EXPECT_EQ(ev[ev.size() - 2].status,
+            fc.fails_in ? kHttpStatusRequestError : kHttpStatusDataAvailable);
+}
+
+class HttpSeamFraming : public ::testing::TestWithParam<FramingCase> {};
+
+// Each framing of a reply reads the same in both modes: the status, the head as sent,
+// the body, and a last DATA_AVAILABLE of 0; a broken one ends with the same one error.
+TEST_P(HttpSeamFraming, ReadsTheSameInBothModes) {
+  const FramingCase& fc = GetParam();
+  Outcome o[2];
+  for (Mode m : kModes) {
+    SCOPED_TRACE(NameOf(m));
+    RunFraming(fc, m, &o[static_cast<int>(m)]);
+    const Outcome& got = o[static_cast<int>(m)];
+    EXPECT_EQ(got.status, fc.status);
+    EXPECT_EQ(got.body, fc.body);
+    if (fc.fails_in) {
+      ASSERT_EQ(got.errors.size(), 1u);
+      EXPECT_EQ(got.errors[0].first, fc.fails_in);
+    } else {
+      EXPECT_TRUE(got.errors.empty());
+      EXPECT_EQ(got.raw_headers, FinalHead(fc.wire));
+      ASSERT_FALSE(got.counts.empty());
+      EXPECT_EQ(got.counts.back(), 0u);
+    }
+  }
+  EXPECT_EQ(o[1].status, o[0].status);
+  EXPECT_EQ(o[1].raw_headers, o[0].raw_headers);
+  EXPECT_EQ(o[1].errors, o[0].errors);
+  EXPECT_EQ(o[1].body, o[0].body);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, HttpSeamFraming,
+    ::testing::Values(
+        FramingCase{"ContentLength", u"GET", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello",
+                    FramingCase::kKeep, 0, 200, "hello"},
+        FramingCase{"ChunkedWithExtensionsAndTrailer", u"GET",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3;ext=1\r\nabc\r\n"
+                    "4;name=\"v\"\r\ndefg\r\n0\r\nX-Trailer: t\r\n\r\n",
+                    FramingCase::kKeep, 0, 200, "abcdefg"},
+        FramingCase{"Http10UntilClose", u"GET", "HTTP/1.0 200 OK\r\nX-A: 1\r\n\r\nold style",
+                    FramingCase::kClose, 0, 200, "old style"},
+        FramingCase{"Http11UntilClose", u"GET",
+                    "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nuntil close",
+                    FramingCase::kClose, 0, 200, "until close"},
+        FramingCase{"NoContent204", u"GET", "HTTP/1.1 204 No Content\r\nX-A: 1\r\n\r\n",
+                    FramingCase::kKeep, 0, 204, ""},
+        FramingCase{"NotModified304", u"GET", "HTTP/1.1 304 Not Modified\r\nETag: \"v1\"\r\n\r\n",
+                    FramingCase::kKeep, 0, 304, ""},
+        FramingCase{"HeadWithLength", u"HEAD", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n",
+                    FramingCase::kKeep, 0, 200, ""},
+        FramingCase{"InterimContinue", u"GET",
+                    "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok",
+                    FramingCase::kKeep, 0, 200, "ok"},
+        FramingCase{"BodyInManyWrites", u"GET",
+                    "HTTP/1.1 200 OK\r\nContent-Length: 26\r\n\r\n|a|b|c|d|e|f|g|h|i|j|k|l|m|n|o|"
+                    "p|q|r|s|t|u|v|w|x|y|z",
+                    FramingCase::kKeep, 0, 200, "abcdefghijklmnopqrstuvwxyz"},
+        FramingCase{"HeadSplitInsideLineEnds", u"GET",
+                    "HTTP/1.1 2|00 OK\r|\nContent-Len|gth: 4\r\nX-B: 2\r\n\r|\nbody",
+                    FramingCase::kKeep, 0, 200, "body"},
+        FramingCase{"CloseBeforeAnyByte", u"GET", "", FramingCase::kClose, kHttpApiReceiveResponse,
+                    0, ""},
+        FramingCase{"CloseMidHead", u"GET", "HTTP/1.1 200 OK\r\nContent-Le", FramingCase::kClose,
+                    kHttpApiReceiveResponse, 0, ""},
+        FramingCase{"CloseMidBody", u"GET", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc",
+                    FramingCase::kClose, kHttpApiQueryDataAvailable, 200, "abc"},
+        FramingCase{"GarbageStatusLine", u"GET", "garbage here\r\n\r\n", FramingCase::kClose,
+                    kHttpApiReceiveResponse, 0, ""},
+        FramingCase{"ResetMidBody", u"GET", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc",
+                    FramingCase::kResetAfterRead, kHttpApiQueryDataAvailable, 200, "abc"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(HttpSeam, EveryHandleClosesOnceAndParentsLast) {
   ClosingLog log;
