@@ -345,6 +345,7 @@ TEST_P(HttpSeamChunks, BodyInPiecesArrivesPieceByPiece) {
     GTEST_SKIP() << "wine's WinHTTP does not answer a query until more of a chunked body arrives";
   }
   Exchange* client = nullptr;
+  testkit::Signal release;  // a client may keep the connection past its session
   RawServer s([&](Connection& c) {
     Received r;
     if (!c.Read(&r)) return;
@@ -357,7 +358,7 @@ TEST_P(HttpSeamChunks, BodyInPiecesArrivesPieceByPiece) {
                      : p);
       if (i < 2 && !client->WaitReads(i + 1)) return;
     }
-    c.PeerClosedWithin(10000);
+    HoldUntilClosedOrReleased(c, release);
   });
   Exchange x(s.port(), u"GET", u"/p", mode_flags());
   client = &x;
@@ -367,6 +368,7 @@ TEST_P(HttpSeamChunks, BodyInPiecesArrivesPieceByPiece) {
   EXPECT_EQ(x.DataCounts(), (std::vector<uint32_t>{3, 4, 2, 0}));
   x.CloseRequest();
   ASSERT_TRUE(x.WaitClosing());
+  release.Set();
   x.ExpectClosedCleanly();
 }
 
@@ -910,12 +912,14 @@ struct ReuseCase {
   enum { kKeep, kCloseIdle, kConnectionClose, kDropSecond } server;
   int connections;  // for the two requests
   int received;     // requests that reached the server, the dropped one included
+  const char* wine_differs = nullptr;  // why wine's WinHTTP does otherwise
 };
 
 class HttpSeamSenderDrivesReuse : public ::testing::TestWithParam<ReuseCase> {};
 
 TEST_P(HttpSeamSenderDrivesReuse, SecondRequestFindsAConnection) {
   const ReuseCase& rc = GetParam();
+  if (rc.wine_differs && httptest::UnderWine()) GTEST_SKIP() << rc.wine_differs;
   RawServer* server = nullptr;
   std::atomic<int> connections{0};
   RawServer s([&](Connection& c) {
@@ -929,6 +933,8 @@ TEST_P(HttpSeamSenderDrivesReuse, SecondRequestFindsAConnection) {
              (close ? "Connection: close\r\n" : "") + "\r\nok");
       if (close) c.PeerClosedWithin(10000);
       if (close || rc.server == ReuseCase::kCloseIdle) return;
+      // All answered: a client that keeps the connection past its session needs no wait.
+      if (server->received().size() == static_cast<size_t>(rc.received)) return;
     }
   });
   server = &s;
@@ -957,7 +963,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(ReuseCase{"Kept", ReuseCase::kKeep, 1, 2},
                       ReuseCase{"ClosedWhenIdle", ReuseCase::kCloseIdle, 2, 2},
                       ReuseCase{"ConnectionClose", ReuseCase::kConnectionClose, 2, 2},
-                      ReuseCase{"DroppedUnanswered", ReuseCase::kDropSecond, 2, 3}),
+                      ReuseCase{"DroppedUnanswered", ReuseCase::kDropSecond, 2, 3,
+                                "wine's WinHTTP does not send the request again"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // ---- the same exchange in both modes -------------------------------------------------
@@ -1037,6 +1044,7 @@ struct FramingCase {
   uintptr_t fails_in;  // the call that fails, 0 for none
   uint32_t status;   // the status seen, 0 when no head arrived
   const char* body;  // the body read
+  const char* wine_differs = nullptr;  // why wine's WinHTTP does otherwise
 };
 
 // What a client saw of one exchange.
@@ -1057,6 +1065,7 @@ std::u16string FinalHead(std::string wire) {
 
 void RunFraming(const FramingCase& fc, Mode mode, Outcome* out) {
   Exchange* client = nullptr;
+  testkit::Signal release;  // a client may keep the connection past its session
   RawServer s([&](Connection& c) {
     Received r;
     if (!c.Read(&r)) return;
@@ -1065,7 +1074,7 @@ void RunFraming(const FramingCase& fc, Mode mode, Outcome* out) {
       bar = std::min(wire.find('|', at), wire.size());
       if (bar > at) c.Send(wire.substr(at, bar - at));
     }
-    if (fc.end == FramingCase::kKeep) c.PeerClosedWithin(10000);
+    if (fc.end == FramingCase::kKeep) HoldUntilClosedOrReleased(c, release);
     if (fc.end == FramingCase::kResetAfterRead && client->WaitReads(1)) c.Reset();
   });
   Exchange x(s.port(), fc.verb, u"/f", FlagsOf(mode));
@@ -1075,6 +1084,7 @@ void RunFraming(const FramingCase& fc, Mode mode, Outcome* out) {
   ASSERT_TRUE(x.WaitEnded());
   x.CloseRequest();
   ASSERT_TRUE(x.WaitClosing());
+  release.Set();
   x.ExpectClosedCleanly();
   out->status = x.status_code;
   out->body = x.body;
@@ -1095,6 +1105,7 @@ class HttpSeamFraming : public ::testing::TestWithParam<FramingCase> {};
 // the body, and a last DATA_AVAILABLE of 0; a broken one ends with the same one error.
 TEST_P(HttpSeamFraming, ReadsTheSameInBothModes) {
   const FramingCase& fc = GetParam();
+  if (fc.wine_differs && httptest::UnderWine()) GTEST_SKIP() << fc.wine_differs;
   Outcome o[2];
   for (Mode m : kModes) {
     SCOPED_TRACE(NameOf(m));
@@ -1140,7 +1151,8 @@ INSTANTIATE_TEST_SUITE_P(
                     FramingCase::kKeep, 0, 200, ""},
         FramingCase{"InterimContinue", u"GET",
                     "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok",
-                    FramingCase::kKeep, 0, 200, "ok"},
+                    FramingCase::kKeep, 0, 200, "ok",
+                    "wine's WinHTTP fails on an interim head it did not ask for"},
         FramingCase{"BodyInManyWrites", u"GET",
                     "HTTP/1.1 200 OK\r\nContent-Length: 26\r\n\r\n|a|b|c|d|e|f|g|h|i|j|k|l|m|n|o|"
                     "p|q|r|s|t|u|v|w|x|y|z",
@@ -1151,9 +1163,10 @@ INSTANTIATE_TEST_SUITE_P(
         FramingCase{"CloseBeforeAnyByte", u"GET", "", FramingCase::kClose, kHttpApiReceiveResponse,
                     0, ""},
         FramingCase{"CloseMidHead", u"GET", "HTTP/1.1 200 OK\r\nContent-Le", FramingCase::kClose,
-                    kHttpApiReceiveResponse, 0, ""},
+                    kHttpApiReceiveResponse, 0, "", "wine's WinHTTP takes the cut head as a reply"},
         FramingCase{"CloseMidBody", u"GET", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc",
-                    FramingCase::kClose, kHttpApiQueryDataAvailable, 200, "abc"},
+                    FramingCase::kClose, kHttpApiQueryDataAvailable, 200, "abc",
+                    "wine's WinHTTP ends a body cut short without an error"},
         FramingCase{"GarbageStatusLine", u"GET", "garbage here\r\n\r\n", FramingCase::kClose,
                     kHttpApiReceiveResponse, 0, ""},
         FramingCase{"ResetMidBody", u"GET", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc",
