@@ -992,7 +992,9 @@ class HttpSeamWire : public ::testing::TestWithParam<WireCase> {};
 TEST_P(HttpSeamWire, RequestIsTheSameInBothModes) {
   const WireCase& wc = GetParam();
   std::string body(wc.body_size, '\0');
-  for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>('A' + (i * 5 + i / 101) % 26);
+  for (size_t i = 0; i < body.size(); ++i) {
+    body[i] = static_cast<char>('A' + (i * 5 + i / 101) % 26);
+  }
   RawServer* server = nullptr;
   RawServer s(Answer(&server, Reply("200 OK", "ok")));
   server = &s;
