@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "http/raw_server.h"
@@ -48,7 +49,8 @@ bool IsInformational(uint32_t s) {
 }
 
 // One request run the way the transport runs it: receive on send complete, query on
-// headers, read what is available, query again after each read.
+// headers, read what is available, query again after each read. Opened with
+// kHttpFlagSenderDrives, the wait for its end drives it on the waiting thread.
 class Exchange {
  public:
   explicit Exchange(uint16_t port, const std::u16string& verb = u"GET",
@@ -56,7 +58,8 @@ class Exchange {
                     const std::u16string& host = u"127.0.0.1",
                     uint32_t access = kHttpAccessTypeNoProxy, const std::u16string& proxy = u"",
                     HttpHandle shared_session = nullptr)
-      : own_session_(shared_session == nullptr) {
+      : own_session_(shared_session == nullptr),
+        sender_drives_((flags & kHttpFlagSenderDrives) != 0) {
     session_ = own_session_ ? HttpOpen(u"seam-test/1.0", access, proxy, u"", kHttpFlagAsync)
                             : shared_session;
     connect_ = session_ ? HttpConnect(session_, host, port) : nullptr;
@@ -79,14 +82,23 @@ class Exchange {
   void CloseRequest() {
     if (request_ && !closed_.exchange(true)) HttpCloseHandle(request_);
   }
-  bool WaitEnded(std::chrono::milliseconds bound = kBound) { return ended_.WaitFor(bound); }
+  // A sender-driven request not driven yet is driven here; where the backend declines
+  // (WinHTTP runs it on its own threads), this waits as for any other request.
+  bool WaitEnded(std::chrono::milliseconds bound = kBound) {
+    if (sender_drives_ && !drive_tried_) Drive();
+    return ended_.WaitFor(bound);
+  }
   // For a request opened with kHttpFlagSenderDrives: runs it on this thread until it
   // ends, where the backend does that; false when it does not.
   bool Drive() {
-    return HttpDriveUntil(
+    drive_tried_ = true;
+    driven_ = HttpDriveUntil(
         request_, [](void* self) { return static_cast<Exchange*>(self)->ended_flag_.load(); },
         this);
+    return driven_;
   }
+  // Whether the last drive ran the exchange on the calling thread.
+  bool driven() const { return driven_; }
   bool closing_delivered() const { return closing_flag_.load(); }
   bool WaitClosing() { return closing_.WaitFor(kBound); }
   bool WaitReads(int n) {
@@ -203,6 +215,8 @@ class Exchange {
   }
 
   const bool own_session_;
+  const bool sender_drives_;
+  bool drive_tried_ = false, driven_ = false;
   HttpHandle session_ = nullptr, connect_ = nullptr, request_ = nullptr;
   std::mutex mu_;
   std::vector<Event> events_;
@@ -215,6 +229,32 @@ class Exchange {
   int foreign_context_ = 0;
   testkit::Signal ended_, closing_;
 };
+
+// Who runs an exchange: the session's event thread, or the sender while it waits.
+enum class Mode { kEventThread, kSenderDrives };
+const Mode kModes[] = {Mode::kEventThread, Mode::kSenderDrives};
+
+uint32_t FlagsOf(Mode m) { return m == Mode::kSenderDrives ? kHttpFlagSenderDrives : 0; }
+std::string NameOf(Mode m) { return m == Mode::kSenderDrives ? "SenderDrives" : "EventThread"; }
+
+// A suite whose cases each run in both modes; the mode ends the test's name.
+template <class Case>
+class ModeSuite : public ::testing::TestWithParam<std::tuple<Case, Mode>> {
+ protected:
+  const Case& param() const { return std::get<0>(this->GetParam()); }
+  uint32_t mode_flags() const { return FlagsOf(std::get<1>(this->GetParam())); }
+};
+
+template <class Case>
+auto InBothModes(std::initializer_list<Case> cases) {
+  return ::testing::Combine(::testing::ValuesIn(std::vector<Case>(cases)),
+                            ::testing::ValuesIn(kModes));
+}
+
+template <class Info, class F>
+std::string CaseAndMode(const Info& info, F&& case_name) {
+  return std::string(case_name(std::get<0>(info.param))) + "_" + NameOf(std::get<1>(info.param));
+}
 
 std::string Reply(const std::string& status, const std::string& body,
                   const std::string& extra = "") {
@@ -249,11 +289,13 @@ bool HoldUntilClosedOrReleased(Connection& c, testkit::Signal& release) {
 
 }  // namespace
 
-TEST(HttpSeam, PlainReplyArrivesInWinHttpOrder) {
+class HttpSeamModes : public ::testing::TestWithParam<Mode> {};
+
+TEST_P(HttpSeamModes, PlainReplyArrivesInWinHttpOrder) {
   RawServer* server = nullptr;
   RawServer s(Answer(&server, Reply("200 OK", "hello", "X-Extra: one\r\n")));
   server = &s;
-  Exchange x(s.port(), u"POST", u"/p?q=1");
+  Exchange x(s.port(), u"POST", u"/p?q=1", FlagsOf(GetParam()));
   ASSERT_TRUE(x.ok());
   ASSERT_TRUE(x.Send("{\"a\":1}", u"Content-type: application/json\r\nX-Test: v\r\n"));
   ASSERT_TRUE(x.WaitEnded());
@@ -265,7 +307,15 @@ TEST(HttpSeam, PlainReplyArrivesInWinHttpOrder) {
       kHttpStatusSendRequestComplete, kHttpStatusHeadersAvailable, kHttpStatusDataAvailable,
       kHttpStatusReadComplete,        kHttpStatusDataAvailable,    kHttpStatusHandleClosing};
   ASSERT_EQ(ev.size(), expected.size());
-  for (size_t i = 0; i < ev.size(); ++i) EXPECT_EQ(ev[i].status, expected[i]) << i;
+  // Driven by the sender where the backend does that, else on the backend's threads.
+#ifndef _WIN32
+  EXPECT_EQ(x.driven(), GetParam() == Mode::kSenderDrives);
+#endif
+  for (size_t i = 0; i + 1 < ev.size(); ++i) {
+    EXPECT_EQ(ev[i].status, expected[i]) << i;
+    EXPECT_EQ(ev[i].thread == std::this_thread::get_id(), x.driven()) << i;
+  }
+  EXPECT_EQ(ev.back().status, kHttpStatusHandleClosing);
   EXPECT_EQ(x.DataCounts(), (std::vector<uint32_t>{5, 0}));
   x.ExpectClosedCleanly();
 
@@ -285,16 +335,17 @@ TEST(HttpSeam, PlainReplyArrivesInWinHttpOrder) {
   EXPECT_EQ(HeaderLine(got[0].head, "Content-type"), "Content-type: application/json");
 }
 
-class HttpSeamChunks : public ::testing::TestWithParam<bool> {};
+class HttpSeamChunks : public ModeSuite<bool> {};
 
 // Each piece is sent only after the client has read the one before, so each must come
 // as its own DATA_AVAILABLE, whatever the framing.
 TEST_P(HttpSeamChunks, BodyInPiecesArrivesPieceByPiece) {
-  const bool chunked = GetParam();
+  const bool chunked = param();
   if (chunked && httptest::UnderWine()) {
     GTEST_SKIP() << "wine's WinHTTP does not answer a query until more of a chunked body arrives";
   }
   Exchange* client = nullptr;
+  testkit::Signal release;  // a client may keep the connection past its session
   RawServer s([&](Connection& c) {
     Received r;
     if (!c.Read(&r)) return;
@@ -307,9 +358,9 @@ TEST_P(HttpSeamChunks, BodyInPiecesArrivesPieceByPiece) {
                      : p);
       if (i < 2 && !client->WaitReads(i + 1)) return;
     }
-    c.PeerClosedWithin(10000);
+    HoldUntilClosedOrReleased(c, release);
   });
-  Exchange x(s.port());
+  Exchange x(s.port(), u"GET", u"/p", mode_flags());
   client = &x;
   ASSERT_TRUE(x.Send());
   ASSERT_TRUE(x.WaitEnded());
@@ -317,11 +368,13 @@ TEST_P(HttpSeamChunks, BodyInPiecesArrivesPieceByPiece) {
   EXPECT_EQ(x.DataCounts(), (std::vector<uint32_t>{3, 4, 2, 0}));
   x.CloseRequest();
   ASSERT_TRUE(x.WaitClosing());
+  release.Set();
   x.ExpectClosedCleanly();
 }
 
-INSTANTIATE_TEST_SUITE_P(Framing, HttpSeamChunks, ::testing::Values(false, true),
-                         [](const auto& info) { return info.param ? "Chunked" : "Length"; });
+INSTANTIATE_TEST_SUITE_P(Framing, HttpSeamChunks, InBothModes({false, true}), [](const auto& info) {
+  return CaseAndMode(info, [](bool chunked) { return chunked ? "Chunked" : "Length"; });
+});
 
 TEST(HttpSeam, CloseMidBodyCancelsAndStillDeliversClosing) {
   testkit::Signal release;
@@ -414,10 +467,10 @@ struct FailureCase {
   std::vector<uint32_t> errors;  // WinHTTP's number first; wine reports some socket errors
 };
 
-class HttpSeamFailure : public ::testing::TestWithParam<FailureCase> {};
+class HttpSeamFailure : public ModeSuite<FailureCase> {};
 
 TEST_P(HttpSeamFailure, EndsWithOneRequestError) {
-  const FailureCase& fc = GetParam();
+  const FailureCase& fc = param();
   if (fc.how == FailureCase::kConnectTimeout && httptest::UnderWine()) {
     GTEST_SKIP() << "wine's WinHTTP sets no limit on the TLS handshake";
   }
@@ -442,7 +495,7 @@ TEST_P(HttpSeamFailure, EndsWithOneRequestError) {
   });
   const uint16_t port = fc.how == FailureCase::kRefused ? httptest::ClosedPort() : s.port();
   Exchange x(port, fc.how == FailureCase::kSendTimeout ? u"POST" : u"GET", u"/p",
-             fc.how == FailureCase::kConnectTimeout ? kHttpFlagSecure : 0);
+             (fc.how == FailureCase::kConnectTimeout ? kHttpFlagSecure : 0) | mode_flags());
   client = &x;
   x.HoldAfterReads(1);
   // Short limits in place of the defaults of a minute and half a minute.
@@ -476,7 +529,7 @@ TEST_P(HttpSeamFailure, EndsWithOneRequestError) {
 
 INSTANTIATE_TEST_SUITE_P(
     Failures, HttpSeamFailure,
-    ::testing::Values(
+    InBothModes<FailureCase>({
         FailureCase{"Refused", FailureCase::kRefused, kHttpApiSendRequest, {kHttpErrorCannotConnect}},
         FailureCase{"CloseBeforeHeaders", FailureCase::kCloseBeforeHeaders, kHttpApiReceiveResponse,
                     {kHttpErrorInvalidServerResponse}},
@@ -489,8 +542,8 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"ConnectTimeout", FailureCase::kConnectTimeout, kHttpApiSendRequest,
                     {kHttpErrorTimeout, 10060}},
         FailureCase{"SendTimeout", FailureCase::kSendTimeout, kHttpApiSendRequest,
-                    {kHttpErrorTimeout, 10060}}),
-    [](const auto& info) { return std::string(info.param.name); });
+                    {kHttpErrorTimeout, 10060}}}),
+    [](const auto& info) { return CaseAndMode(info, [](const auto& c) { return c.name; }); });
 
 struct RedirectCase {
   const char* name;
@@ -501,10 +554,10 @@ struct RedirectCase {
   bool wine_follows;  // wine's WinHTTP follows only some of these
 };
 
-class HttpSeamRedirect : public ::testing::TestWithParam<RedirectCase> {};
+class HttpSeamRedirect : public ModeSuite<RedirectCase> {};
 
 TEST_P(HttpSeamRedirect, FollowedLikeWinHttp) {
-  const RedirectCase& rc = GetParam();
+  const RedirectCase& rc = param();
   if (!rc.wine_follows && httptest::UnderWine()) GTEST_SKIP() << "wine does not follow this one";
   RawServer* server = nullptr;
   RawServer s([&](Connection& c) {
@@ -521,7 +574,7 @@ TEST_P(HttpSeamRedirect, FollowedLikeWinHttp) {
     }
   });
   server = &s;
-  Exchange x(s.port(), rc.verb, u"/start");
+  Exchange x(s.port(), rc.verb, u"/start", mode_flags());
   ASSERT_TRUE(x.Send("body"));
   ASSERT_TRUE(x.WaitEnded());
   EXPECT_EQ(x.status_code, 200u);
@@ -540,12 +593,12 @@ TEST_P(HttpSeamRedirect, FollowedLikeWinHttp) {
 
 INSTANTIATE_TEST_SUITE_P(
     Redirects, HttpSeamRedirect,
-    ::testing::Values(
+    InBothModes<RedirectCase>({
         RedirectCase{"Found302Post", 302, u"POST", "GET /final?x=1 HTTP/1.1", false, false},
         RedirectCase{"SeeOther303Put", 303, u"PUT", "GET /final?x=1 HTTP/1.1", false, false},
         RedirectCase{"Temporary307Post", 307, u"POST", "POST /final?x=1 HTTP/1.1", true, true},
-        RedirectCase{"Permanent308Put", 308, u"PUT", "PUT /final?x=1 HTTP/1.1", true, false}),
-    [](const auto& info) { return std::string(info.param.name); });
+        RedirectCase{"Permanent308Put", 308, u"PUT", "PUT /final?x=1 HTTP/1.1", true, false}}),
+    [](const auto& info) { return CaseAndMode(info, [](const auto& c) { return c.name; }); });
 
 struct TargetCase {
   const char* name;
@@ -554,23 +607,23 @@ struct TargetCase {
   const char* on_wire;
 };
 
-class HttpSeamTarget : public ::testing::TestWithParam<TargetCase> {};
+class HttpSeamTarget : public ModeSuite<TargetCase> {};
 
 TEST_P(HttpSeamTarget, ObjectNameReachesTheWireAsWinHttpSendsIt) {
   RawServer* server = nullptr;
   RawServer s(Answer(&server, Reply("200 OK", "ok")));
   server = &s;
-  Exchange x(s.port(), u"GET", GetParam().object, GetParam().flags);
+  Exchange x(s.port(), u"GET", param().object, param().flags | mode_flags());
   ASSERT_TRUE(x.Send());
   ASSERT_TRUE(x.WaitEnded());
   const std::vector<Received> got = s.received();
   ASSERT_EQ(got.size(), 1u);
-  EXPECT_EQ(got[0].request_line, std::string("GET ") + GetParam().on_wire + " HTTP/1.1");
+  EXPECT_EQ(got[0].request_line, std::string("GET ") + param().on_wire + " HTTP/1.1");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Targets, HttpSeamTarget,
-    ::testing::Values(
+    InBothModes<TargetCase>({
         TargetCase{"UnsafeEscaped", u"/p a/\u00e9?q=a b&c=%&d=\"<>{}|\\^`~'#x", 0,
                    "/p%20a/%C3%A9?q=a%20b&c=%&d=%22%3C%3E%7B%7D%7C%5C%5E%60~'%23x"},
         TargetCase{"RawKeepsUnsafe", u"/p a/\u00e9?q=a b&c=%&d=\"<>{}|\\^`~'#x",
@@ -582,18 +635,18 @@ INSTANTIATE_TEST_SUITE_P(
         TargetCase{"TicketEscapesByteForByte",
                    u"/tdocapi/v1/users/get-cas-ticket?service=http%3A%2F%2Fh%2F%3Fa%3Db%20c",
                    kHttpFlagEscapeDisable,
-                   "/tdocapi/v1/users/get-cas-ticket?service=http%3A%2F%2Fh%2F%3Fa%3Db%20c"}),
-    [](const auto& info) { return std::string(info.param.name); });
+                   "/tdocapi/v1/users/get-cas-ticket?service=http%3A%2F%2Fh%2F%3Fa%3Db%20c"}}),
+    [](const auto& info) { return CaseAndMode(info, [](const auto& c) { return c.name; }); });
 
 // A body far larger than the receive buffer, read in small steps: it arrives whole and
 // in order through every pause and resume, and no answer reports more than is bounded.
-TEST(HttpSeam, LargeBodyPassesThroughTheBoundedBuffer) {
+TEST_P(HttpSeamModes, LargeBodyPassesThroughTheBoundedBuffer) {
   std::string big(4 << 20, '\0');
   for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>('a' + (i * 7 + i / 977) % 26);
   RawServer* server = nullptr;
   RawServer s(Answer(&server, Reply("200 OK", big)));
   server = &s;
-  Exchange x(s.port());
+  Exchange x(s.port(), u"GET", u"/p", FlagsOf(GetParam()));
   x.ReadSize(3000);
   ASSERT_TRUE(x.Send());
   ASSERT_TRUE(x.WaitEnded(60s));
@@ -602,17 +655,20 @@ TEST(HttpSeam, LargeBodyPassesThroughTheBoundedBuffer) {
   EXPECT_LE(*std::max_element(counts.begin(), counts.end()), 1u << 20);
 }
 
-class HttpSeamPostBody : public ::testing::TestWithParam<size_t> {};
+INSTANTIATE_TEST_SUITE_P(Both, HttpSeamModes, ::testing::ValuesIn(kModes),
+                         [](const auto& info) { return NameOf(info.param); });
+
+class HttpSeamPostBody : public ModeSuite<size_t> {};
 
 // A body of any size reaches the server whole, however the backend hands it over, and
 // REQUEST_SENT counts the head and the body as they went out.
 TEST_P(HttpSeamPostBody, ReachesTheServerWholeAndIsCounted) {
-  std::string sent(GetParam(), '\0');
+  std::string sent(param(), '\0');
   for (size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<char>('a' + (i * 11 + i / 313) % 26);
   RawServer* server = nullptr;
   RawServer s(Answer(&server, Reply("200 OK", "ok")));
   server = &s;
-  Exchange x(s.port(), u"POST", u"/upload");
+  Exchange x(s.port(), u"POST", u"/upload", mode_flags());
   ASSERT_TRUE(x.ok());
   ASSERT_TRUE(x.Send(sent, u"Content-type: application/json\r\n"));
   ASSERT_TRUE(x.WaitEnded(60s));
@@ -636,8 +692,10 @@ TEST_P(HttpSeamPostBody, ReachesTheServerWholeAndIsCounted) {
 
 // Around the size up to which the Linux backend gives curl the body in one block.
 INSTANTIATE_TEST_SUITE_P(Sizes, HttpSeamPostBody,
-                         ::testing::Values(size_t{0}, size_t{1}, size_t{241}, size_t{16 * 1024},
-                                           size_t{16 * 1024 + 1}, size_t{300 * 1024}));
+                         InBothModes<size_t>({0, 1, 241, 16 * 1024, 16 * 1024 + 1, 300 * 1024}),
+                         [](const auto& info) {
+                           return CaseAndMode(info, [](size_t n) { return std::to_string(n); });
+                         });
 
 TEST(HttpSeam, NamedProxyCarriesTheWholeUrl) {
   RawServer* server = nullptr;
@@ -844,41 +902,278 @@ TEST(HttpSeamSenderDrives, ClosedBeforeTheDriveEndsCleanly) {
   x.ExpectClosedCleanly();
 }
 
-// Sender-driven requests one after another on one session keep one connection alive
-// between them, as a reused easy handle of libcurl would.
-TEST(HttpSeamSenderDrives, RequestsInTurnShareOneConnection) {
-  constexpr int kRequests = 3;
+// Sender-driven requests in turn on one session: a connection the server keeps serves
+// the next request; one the server ends (idle, or by Connection: close) is replaced; a
+// request sent on a kept connection the server drops unanswered is sent again on a new
+// one. (Requests run by the event thread go to the session's lanes in turn, each with
+// connections of its own, so they are not counted here.)
+struct ReuseCase {
+  const char* name;
+  enum { kKeep, kCloseIdle, kConnectionClose, kDropSecond } server;
+  int connections;  // for the two requests
+  int received;     // requests that reached the server, the dropped one included
+  const char* wine_differs = nullptr;  // why wine's WinHTTP does otherwise
+};
+
+class HttpSeamSenderDrivesReuse : public ::testing::TestWithParam<ReuseCase> {};
+
+TEST_P(HttpSeamSenderDrivesReuse, SecondRequestFindsAConnection) {
+  const ReuseCase& rc = GetParam();
+  if (rc.wine_differs && httptest::UnderWine()) GTEST_SKIP() << rc.wine_differs;
   RawServer* server = nullptr;
   std::atomic<int> connections{0};
   RawServer s([&](Connection& c) {
-    ++connections;
-    for (int i = 0; i < kRequests; ++i) {
-      Received r;
-      if (!c.Read(&r)) return;
+    const int n = ++connections;
+    Received r;
+    while (c.Read(&r)) {
       server->Record(r);
-      c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+      if (rc.server == ReuseCase::kDropSecond && n == 1 && server->received().size() == 2) return;
+      const bool close = rc.server == ReuseCase::kConnectionClose;
+      c.Send(std::string("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n") +
+             (close ? "Connection: close\r\n" : "") + "\r\nok");
+      if (close) c.PeerClosedWithin(10000);
+      if (close || rc.server == ReuseCase::kCloseIdle) return;
+      // All answered: a client that keeps the connection past its session needs no wait.
+      if (server->received().size() == static_cast<size_t>(rc.received)) return;
     }
   });
   server = &s;
   HttpHandle session = HttpOpen(u"seam-test/1.0", kHttpAccessTypeNoProxy, u"", u"", kHttpFlagAsync);
   ASSERT_NE(session, nullptr);
-  for (int i = 0; i < kRequests; ++i) {
-    Exchange x(s.port(), u"GET", u"/k", kHttpFlagSenderDrives, u"127.0.0.1",
+  for (const char16_t* object : {u"/first", u"/second"}) {
+    Exchange x(s.port(), u"GET", object, kHttpFlagSenderDrives, u"127.0.0.1",
                kHttpAccessTypeNoProxy, u"", session);
-    ASSERT_TRUE(x.ok());
     ASSERT_TRUE(x.Send());
-    x.Drive();
     ASSERT_TRUE(x.WaitEnded());
+    EXPECT_EQ(x.status_code, 200u);
     EXPECT_EQ(x.body, "ok");
     x.CloseRequest();
     ASSERT_TRUE(x.WaitClosing());
+    x.ExpectClosedCleanly();
   }
-  EXPECT_EQ(s.received().size(), static_cast<size_t>(kRequests));
-#ifndef _WIN32
-  EXPECT_EQ(connections.load(), 1);
-#endif
-  HttpCloseHandle(session);
+  const std::vector<Received> got = s.received();
+  ASSERT_EQ(got.size(), static_cast<size_t>(rc.received));
+  EXPECT_EQ(got.back().request_line, "GET /second HTTP/1.1");
+  EXPECT_EQ(connections.load(), rc.connections);
+  EXPECT_TRUE(HttpCloseHandle(session));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    InTurn, HttpSeamSenderDrivesReuse,
+    ::testing::Values(ReuseCase{"Kept", ReuseCase::kKeep, 1, 2},
+                      ReuseCase{"ClosedWhenIdle", ReuseCase::kCloseIdle, 2, 2},
+                      ReuseCase{"ConnectionClose", ReuseCase::kConnectionClose, 2, 2},
+                      ReuseCase{"DroppedUnanswered", ReuseCase::kDropSecond, 2, 3,
+                                "wine's WinHTTP does not send the request again"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// ---- the same exchange in both modes -------------------------------------------------
+
+struct WireCase {
+  const char* name;
+  std::u16string verb, object;
+  size_t body_size;
+  std::u16string added;    // through HttpAddRequestHeaders
+  std::u16string headers;  // with the send
+};
+
+std::u16string ManyHeaders() {
+  std::u16string out;
+  for (int i = 0; i < 40; ++i) {
+    out += tpcsdk::Utf8ToUtf16("X-Many-" + std::to_string(i) + ": value " + std::to_string(i)) +
+           u"\r\n";
+  }
+  return out;
+}
+
+class HttpSeamWire : public ::testing::TestWithParam<WireCase> {};
+
+// The request goes out byte for byte the same, head and body, whoever runs it.
+TEST_P(HttpSeamWire, RequestIsTheSameInBothModes) {
+  const WireCase& wc = GetParam();
+  std::string body(wc.body_size, '\0');
+  for (size_t i = 0; i < body.size(); ++i) {
+    body[i] = static_cast<char>('A' + (i * 5 + i / 101) % 26);
+  }
+  RawServer* server = nullptr;
+  RawServer s(Answer(&server, Reply("200 OK", "ok")));
+  server = &s;
+  for (Mode m : kModes) {
+    Exchange x(s.port(), wc.verb, wc.object, FlagsOf(m));
+    ASSERT_TRUE(x.ok());
+    if (!wc.added.empty()) {
+      ASSERT_TRUE(HttpAddRequestHeaders(x.request(), wc.added, kHttpAddReqFlagAdd));
+    }
+    ASSERT_TRUE(x.Send(body, wc.headers));
+    ASSERT_TRUE(x.WaitEnded()) << NameOf(m);
+    EXPECT_EQ(x.status_code, 200u) << NameOf(m);
+  }
+  const std::vector<Received> got = s.received();
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[1].head, got[0].head);
+  EXPECT_TRUE(got[0].body == body) << got[0].body.size() << " bytes of " << body.size();
+  EXPECT_TRUE(got[1].body == body) << got[1].body.size() << " bytes of " << body.size();
+  EXPECT_EQ(got[0].request_line.rfind(tpcsdk::Utf16ToUtf8(wc.verb) + " ", 0), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, HttpSeamWire,
+    ::testing::Values(
+        WireCase{"Get", u"GET", u"/w", 0, u"", u""},
+        WireCase{"Head", u"HEAD", u"/w", 0, u"", u""},
+        WireCase{"PostSmall", u"POST", u"/w", 5, u"", u"Content-Type: text/plain\r\n"},
+        WireCase{"PostAbove16KiB", u"POST", u"/w", 16 * 1024 + 7, u"", u""},
+        WireCase{"PostAbove64KiB", u"POST", u"/w", 64 * 1024 + 7, u"", u""},
+        WireCase{"PostEmpty", u"POST", u"/w", 0, u"", u""},
+        WireCase{"PutEmpty", u"PUT", u"/w", 0, u"", u""},
+        WireCase{"Delete", u"DELETE", u"/w/1", 0, u"", u""},
+        WireCase{"CustomVerb", u"PROPFIND", u"/w/", 0, u"", u""},
+        WireCase{"AddedAndSentHeaders", u"POST", u"/w", 3,
+                 u"Content-Type: application/json\r\nX-Added: a\r\n", u"X-Sent: s\r\n"},
+        WireCase{"OwnUserAgent", u"GET", u"/w", 0, u"User-Agent: own-agent/2.0\r\n", u""},
+        WireCase{"EmptyValue", u"GET", u"/w", 0, u"X-Empty:\r\n", u"X-Other: o\r\n"},
+        WireCase{"ManyHeaders", u"GET", u"/w", 0, ManyHeaders(), u"X-Last: l\r\n"},
+        WireCase{"Query", u"GET", u"/w?a=1&b=two&c", 0, u"", u""},
+        WireCase{"Escaped", u"GET", u"/w x/\u00e9?q=a b&r=\"<>\"", 0, u"", u""},
+        WireCase{"HostWithPort", u"GET", u"/w", 0, u"Host: origin.test:8443\r\n", u""}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct FramingCase {
+  const char* name;
+  const char16_t* verb;
+  const char* wire;  // what the server sends; each '|' starts another write
+  enum End { kClose, kKeep, kResetAfterRead } end;
+  uintptr_t fails_in;  // the call that fails, 0 for none
+  uint32_t status;   // the status seen, 0 when no head arrived
+  const char* body;  // the body read
+  const char* wine_differs = nullptr;  // why wine's WinHTTP does otherwise
+};
+
+// What a client saw of one exchange.
+struct Outcome {
+  uint32_t status = 0;
+  std::string body;
+  std::u16string raw_headers;
+  std::vector<uint32_t> counts;
+  std::vector<std::pair<uintptr_t, uint32_t>> errors;  // call, error
+};
+
+// The final head of a reply as sent: interim 1xx heads skipped, write marks dropped.
+std::u16string FinalHead(std::string wire) {
+  wire.erase(std::remove(wire.begin(), wire.end(), '|'), wire.end());
+  while (wire.rfind("HTTP/1.1 1", 0) == 0) wire.erase(0, wire.find("\r\n\r\n") + 4);
+  return tpcsdk::Utf8ToUtf16(wire.substr(0, wire.find("\r\n\r\n") + 4));
+}
+
+void RunFraming(const FramingCase& fc, Mode mode, Outcome* out) {
+  Exchange* client = nullptr;
+  testkit::Signal release;  // a client may keep the connection past its session
+  RawServer s([&](Connection& c) {
+    Received r;
+    if (!c.Read(&r)) return;
+    const std::string wire = fc.wire;
+    for (size_t at = 0, bar; at <= wire.size(); at = bar + 1) {
+      bar = std::min(wire.find('|', at), wire.size());
+      if (bar > at) c.Send(wire.substr(at, bar - at));
+    }
+    if (fc.end == FramingCase::kKeep) HoldUntilClosedOrReleased(c, release);
+    if (fc.end == FramingCase::kResetAfterRead && client->WaitReads(1)) c.Reset();
+  });
+  Exchange x(s.port(), fc.verb, u"/f", FlagsOf(mode));
+  client = &x;
+  x.HoldAfterReads(fc.end == FramingCase::kResetAfterRead ? 1 : -1);
+  ASSERT_TRUE(x.Send());
+  ASSERT_TRUE(x.WaitEnded());
+  x.CloseRequest();
+  ASSERT_TRUE(x.WaitClosing());
+  release.Set();
+  x.ExpectClosedCleanly();
+  out->status = x.status_code;
+  out->body = x.body;
+  out->raw_headers = x.raw_headers;
+  out->counts = x.DataCounts();
+  for (const Event& e : x.Main()) {
+    if (e.status == kHttpStatusRequestError) out->errors.emplace_back(e.call, e.error);
+  }
+  const std::vector<Event> ev = x.Main();
+  ASSERT_GE(ev.size(), 2u);
+  EXPECT_EQ(ev[ev.size() - 2].status,
+            fc.fails_in ? kHttpStatusRequestError : kHttpStatusDataAvailable);
+}
+
+class HttpSeamFraming : public ::testing::TestWithParam<FramingCase> {};
+
+// Each framing of a reply reads the same in both modes: the status, the head as sent,
+// the body, and a last DATA_AVAILABLE of 0; a broken one ends with the same one error.
+TEST_P(HttpSeamFraming, ReadsTheSameInBothModes) {
+  const FramingCase& fc = GetParam();
+  if (fc.wine_differs && httptest::UnderWine()) GTEST_SKIP() << fc.wine_differs;
+  Outcome o[2];
+  for (Mode m : kModes) {
+    SCOPED_TRACE(NameOf(m));
+    RunFraming(fc, m, &o[static_cast<int>(m)]);
+    const Outcome& got = o[static_cast<int>(m)];
+    EXPECT_EQ(got.status, fc.status);
+    EXPECT_EQ(got.body, fc.body);
+    if (fc.fails_in) {
+      ASSERT_EQ(got.errors.size(), 1u);
+      EXPECT_EQ(got.errors[0].first, fc.fails_in);
+    } else {
+      EXPECT_TRUE(got.errors.empty());
+      EXPECT_EQ(got.raw_headers, FinalHead(fc.wire));
+      ASSERT_FALSE(got.counts.empty());
+      EXPECT_EQ(got.counts.back(), 0u);
+    }
+  }
+  EXPECT_EQ(o[1].status, o[0].status);
+  EXPECT_EQ(o[1].raw_headers, o[0].raw_headers);
+  EXPECT_EQ(o[1].errors, o[0].errors);
+  EXPECT_EQ(o[1].body, o[0].body);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, HttpSeamFraming,
+    ::testing::Values(
+        FramingCase{"ContentLength", u"GET", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello",
+                    FramingCase::kKeep, 0, 200, "hello"},
+        FramingCase{"ChunkedWithExtensionsAndTrailer", u"GET",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3;ext=1\r\nabc\r\n"
+                    "4;name=\"v\"\r\ndefg\r\n0\r\nX-Trailer: t\r\n\r\n",
+                    FramingCase::kKeep, 0, 200, "abcdefg"},
+        FramingCase{"Http10UntilClose", u"GET", "HTTP/1.0 200 OK\r\nX-A: 1\r\n\r\nold style",
+                    FramingCase::kClose, 0, 200, "old style"},
+        FramingCase{"Http11UntilClose", u"GET",
+                    "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nuntil close",
+                    FramingCase::kClose, 0, 200, "until close"},
+        FramingCase{"NoContent204", u"GET", "HTTP/1.1 204 No Content\r\nX-A: 1\r\n\r\n",
+                    FramingCase::kKeep, 0, 204, ""},
+        FramingCase{"NotModified304", u"GET", "HTTP/1.1 304 Not Modified\r\nETag: \"v1\"\r\n\r\n",
+                    FramingCase::kKeep, 0, 304, ""},
+        FramingCase{"HeadWithLength", u"HEAD", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n",
+                    FramingCase::kKeep, 0, 200, ""},
+        FramingCase{"InterimContinue", u"GET",
+                    "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok",
+                    FramingCase::kKeep, 0, 200, "ok",
+                    "wine's WinHTTP fails on an interim head it did not ask for"},
+        FramingCase{"BodyInManyWrites", u"GET",
+                    "HTTP/1.1 200 OK\r\nContent-Length: 26\r\n\r\n|a|b|c|d|e|f|g|h|i|j|k|l|m|n|o|"
+                    "p|q|r|s|t|u|v|w|x|y|z",
+                    FramingCase::kKeep, 0, 200, "abcdefghijklmnopqrstuvwxyz"},
+        FramingCase{"HeadSplitInsideLineEnds", u"GET",
+                    "HTTP/1.1 2|00 OK\r|\nContent-Len|gth: 4\r\nX-B: 2\r\n\r|\nbody",
+                    FramingCase::kKeep, 0, 200, "body"},
+        FramingCase{"CloseBeforeAnyByte", u"GET", "", FramingCase::kClose, kHttpApiReceiveResponse,
+                    0, ""},
+        FramingCase{"CloseMidHead", u"GET", "HTTP/1.1 200 OK\r\nContent-Le", FramingCase::kClose,
+                    kHttpApiReceiveResponse, 0, "", "wine's WinHTTP takes the cut head as a reply"},
+        FramingCase{"CloseMidBody", u"GET", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc",
+                    FramingCase::kClose, kHttpApiQueryDataAvailable, 200, "abc",
+                    "wine's WinHTTP ends a body cut short without an error"},
+        FramingCase{"GarbageStatusLine", u"GET", "garbage here\r\n\r\n", FramingCase::kClose,
+                    kHttpApiReceiveResponse, 0, ""},
+        FramingCase{"ResetMidBody", u"GET", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc",
+                    FramingCase::kResetAfterRead, kHttpApiQueryDataAvailable, 200, "abc"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(HttpSeam, EveryHandleClosesOnceAndParentsLast) {
   ClosingLog log;

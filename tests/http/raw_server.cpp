@@ -8,6 +8,7 @@ using socklen_t = int;
 #else
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -135,6 +136,10 @@ void RawServer::AcceptLoop() {
   for (;;) {
     const intptr_t c = static_cast<intptr_t>(accept(listener_, nullptr, nullptr));
     if (c == -1 || c == static_cast<intptr_t>(~static_cast<uintptr_t>(0))) return;
+    // Each Send leaves as its own segment, so a script's split writes reach the client
+    // as split as the network lets them.
+    const int one = 1;
+    setsockopt(c, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&one), sizeof(one));
     std::lock_guard<std::mutex> lock(mu_);
     workers_.emplace_back([this, c] {
       Connection conn(c);
