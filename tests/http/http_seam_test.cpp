@@ -967,6 +967,101 @@ INSTANTIATE_TEST_SUITE_P(
                                 "wine's WinHTTP does not send the request again"}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// Sender-driven requests in turn to a server named, not given by its address: each one
+// reaches it with the same head, whether its address had to be looked up or was known
+// from the request before.
+TEST(HttpSeamSenderDrives, NamedServerServesRequestsInTurn) {
+  RawServer* server = nullptr;
+  RawServer s([&](Connection& c) {
+    Received r;
+    while (c.Read(&r)) {
+      server->Record(r);
+      c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+      if (server->received().size() == 3) return;
+    }
+  });
+  server = &s;
+  HttpHandle session = HttpOpen(u"seam-test/1.0", kHttpAccessTypeNoProxy, u"", u"", kHttpFlagAsync);
+  ASSERT_NE(session, nullptr);
+  for (int i = 0; i < 3; ++i) {
+    Exchange x(s.port(), u"POST", u"/named", kHttpFlagSenderDrives, u"localhost",
+               kHttpAccessTypeNoProxy, u"", session);
+    ASSERT_TRUE(x.Send("body"));
+    ASSERT_TRUE(x.WaitEnded());
+    EXPECT_EQ(x.body, "ok");
+  }
+  EXPECT_TRUE(HttpCloseHandle(session));
+  const std::vector<Received> got = s.received();
+  ASSERT_EQ(got.size(), 3u);
+  EXPECT_EQ(HeaderLine(got[0].head, "Host"), "Host: localhost:" + std::to_string(s.port()));
+  for (const Received& r : got) {
+    EXPECT_EQ(r.head, got[0].head);
+    EXPECT_EQ(r.body, "body");
+  }
+}
+
+// A cookie set by one reply goes with the session's later requests where its domain,
+// path and lifetime let it, in both modes: a sender's plain exchange hands the cookie to
+// the session's store itself, and the next request must find it there.
+struct CookieCase {
+  const char* name;
+  std::string set_cookie;
+  std::u16string first_object;  // where the cookie is set; the next request asks /a/b/c
+  std::string sent;             // the Cookie line of the next request; empty: none
+  const char* wine_differs = nullptr;
+};
+
+class HttpSeamCookie : public ModeSuite<CookieCase> {};
+
+TEST_P(HttpSeamCookie, KeptForTheSessionsNextRequest) {
+  const CookieCase& cc = param();
+  if (cc.wine_differs && httptest::UnderWine()) GTEST_SKIP() << cc.wine_differs;
+  RawServer* server = nullptr;
+  RawServer s([&](Connection& c) {
+    Received r;
+    while (c.Read(&r)) {
+      server->Record(r);
+      const bool first = server->received().size() == 1;
+      c.Send(std::string("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n") +
+             (first ? "Set-Cookie: " + cc.set_cookie + "\r\n" : "") + "\r\nok");
+      if (!first) return;
+    }
+  });
+  server = &s;
+  HttpHandle session = HttpOpen(u"seam-test/1.0", kHttpAccessTypeNoProxy, u"", u"", kHttpFlagAsync);
+  ASSERT_NE(session, nullptr);
+  for (const std::u16string& object : {cc.first_object, std::u16string(u"/a/b/c")}) {
+    Exchange x(s.port(), u"GET", object, mode_flags(), u"127.0.0.1", kHttpAccessTypeNoProxy, u"",
+               session);
+    ASSERT_TRUE(x.Send());
+    ASSERT_TRUE(x.WaitEnded());
+    EXPECT_EQ(x.body, "ok");
+  }
+  EXPECT_TRUE(HttpCloseHandle(session));
+  const std::vector<Received> got = s.received();
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(HeaderLine(got[0].head, "Cookie"), "");
+  EXPECT_EQ(HeaderLine(got[1].head, "Cookie"), cc.sent);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SetByReply, HttpSeamCookie,
+    InBothModes<CookieCase>({
+        {"Plain", "sid=abc", u"/a/one", "Cookie: sid=abc"},
+        {"PathAbove", "sid=abc; Path=/a", u"/x", "Cookie: sid=abc"},
+        {"PathElsewhere", "sid=abc; Path=/b", u"/a/one", ""},
+        {"DefaultPathElsewhere", "sid=abc", u"/x/one", ""},
+        {"OwnDomain", "sid=abc; Domain=127.0.0.1", u"/a/one", "Cookie: sid=abc"},
+        {"OtherDomain", "sid=abc; Domain=example.org", u"/a/one", ""},
+        {"Expired", "sid=abc; Expires=Wed, 21 Oct 2015 07:28:00 GMT", u"/a/one", "",
+         "wine's WinHTTP sends a cookie that has expired"},
+        {"ZeroMaxAge", "sid=abc; Max-Age=0", u"/a/one", "", "wine's WinHTTP sends a cookie that has expired"},
+        {"LongLived", "sid=a b; Max-Age=3600; HttpOnly", u"/a/one", "Cookie: sid=a b"},
+        // This machine is a secure origin even without TLS.
+        {"SecureFromThisMachine", "sid=abc; Secure", u"/a/one", "Cookie: sid=abc"},
+    }),
+    [](const auto& info) { return CaseAndMode(info, [](const CookieCase& c) { return c.name; }); });
+
 // ---- the same exchange in both modes -------------------------------------------------
 
 struct WireCase {

@@ -595,7 +595,7 @@ void KeepCookie(Request& r, std::string_view text) {
   std::string host = hop.host;
   for (char& c : host) c = Lower(c);
   std::string domain = host, path;
-  bool tail = false, http_only = false;
+  bool tail = false, http_only = false, secure = false;
   long long expires = 0;  // a session cookie
   bool max_age = false;
   while (!rest.empty()) {
@@ -607,7 +607,9 @@ void KeepCookie(Request& r, std::string_view text) {
     const std::string_view arg =
         at == std::string_view::npos ? std::string_view() : TrimBlanks(attr.substr(at + 1));
     if (EqualsNoCase(key, "Secure")) {
-      return;  // a plain server may not set a secure cookie
+      // Only this machine counts as a secure origin without TLS.
+      if (host != "localhost" && host != "127.0.0.1" && host != "::1") return;
+      secure = true;
     } else if (EqualsNoCase(key, "HttpOnly")) {
       http_only = true;
     } else if (EqualsNoCase(key, "Domain") && !arg.empty()) {
@@ -641,7 +643,7 @@ void KeepCookie(Request& r, std::string_view text) {
     path = slash == 0 || slash == std::string_view::npos ? "/" : std::string(target.substr(0, slash));
   }
   std::string line = http_only ? "#HttpOnly_" : "";
-  line += domain + '\t' + (tail ? "TRUE" : "FALSE") + '\t' + path + "\tFALSE\t" +
+  line += domain + '\t' + (tail ? "TRUE" : "FALSE") + '\t' + path + '\t' + (secure ? "TRUE" : "FALSE") + '\t' +
           std::to_string(expires) + '\t' + std::string(name) + '\t' + std::string(value);
   if (CURL* e = curl_easy_init()) {
     curl_easy_setopt(e, CURLOPT_SHARE, r.core->settings->share);
