@@ -1270,6 +1270,23 @@ INSTANTIATE_TEST_SUITE_P(
                     FramingCase::kResetAfterRead, kHttpApiQueryDataAvailable, 200, "abc"}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// A head past any reasonable size, as one endless line or as very many, ends the
+// exchange with the same one error in both modes, without reading on.
+TEST(HttpSeamHead, OversizedFailsTheSameInBothModes) {
+  if (httptest::UnderWine()) GTEST_SKIP() << "wine's WinHTTP sets no bound on a head";
+  std::string many = "HTTP/1.1 200 OK\r\n";
+  for (int i = 0; i < 20000; ++i) many += "X-Filler: 0123456789\r\n";
+  for (const std::string& wire : {"HTTP/1.1 200 OK\r\nX-Long: " + std::string(400000, 'a'), many}) {
+    const FramingCase fc{"Oversized", u"GET", wire.c_str(), FramingCase::kClose,
+                         kHttpApiReceiveResponse, 0, ""};
+    Outcome o[2];
+    for (Mode m : kModes) RunFraming(fc, m, &o[static_cast<int>(m)]);
+    ASSERT_EQ(o[0].errors.size(), 1u);
+    EXPECT_EQ(o[0].errors[0].first, kHttpApiReceiveResponse);
+    EXPECT_EQ(o[1].errors, o[0].errors);
+  }
+}
+
 TEST(HttpSeam, EveryHandleClosesOnceAndParentsLast) {
   ClosingLog log;
   g_closing_log = &log;

@@ -39,6 +39,9 @@ namespace {
 constexpr size_t kReadChunk = 16 * 1024;
 // A chunk-size line longer than this is not one.
 constexpr size_t kMaxChunkLine = 1024;
+// libcurl's bounds on a response's head, and on one line of it, with its errors.
+constexpr size_t kMaxHead = 300 * 1024;
+constexpr size_t kMaxHeadLine = 100 * 1024;
 
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
@@ -424,7 +427,15 @@ bool Consume(Request& r) {
         w.seen_status = true;
       }
       const std::string_view line = NextLine(w);
-      if (line.empty()) return true;
+      if (line.empty() && avail <= kMaxHeadLine) return true;
+      if (line.empty() || line.size() > kMaxHeadLine) {
+        Finish(r, CURLE_OUT_OF_MEMORY);
+        return false;
+      }
+      if (r.hop.header_bytes + line.size() > kMaxHead) {
+        Finish(r, CURLE_RECV_ERROR);
+        return false;
+      }
       w.in_at += line.size();
       TakeHeaderLine(r, line);
       if (!EmptyLine(line)) continue;
