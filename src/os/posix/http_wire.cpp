@@ -12,7 +12,8 @@
 // its server's address is not known without a name lookup; and every hop of a session
 // does once a response has set a cookie, since libcurl keeps the session's cookies.
 //
-// Everything here runs with the lane's mutex held, on the thread that drives the lane.
+// Everything here runs with the lane's mutex held, on the thread that drives the lane (or
+// on a thread that closes the request while nobody drives it).
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
