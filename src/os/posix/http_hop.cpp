@@ -240,6 +240,36 @@ CURLcode Configure(Request& r, CURL* e) {
   return o.result();
 }
 
+// The request's headers as curl takes them, made for the first hop curl runs.
+bool ListHeaders(Request& r) {
+  auto append = [&r](const char* line) {
+    curl_slist* next = curl_slist_append(r.header_list, line);
+    if (next) r.header_list = next;
+    return next != nullptr;
+  };
+  auto named = [](const std::string& h, std::string_view name) {
+    const size_t colon = h.find(':');
+    return colon != std::string::npos &&
+           EqualsNoCase(TrimBlanks(std::string_view(h).substr(0, colon)), name);
+  };
+  // The session's agent leads the list, so it goes out right after Host, where curl
+  // would put it; given this way, curl need not format its own line for every
+  // transfer. A request that names its own agent keeps that one.
+  bool listed = true;
+  const std::string& agent = r.core->settings->agent;
+  if (!agent.empty() &&
+      std::none_of(r.headers.begin(), r.headers.end(), [&](const std::string& h) { return named(h, "User-Agent"); })) {
+    listed = append(("User-Agent: " + agent).c_str());
+  }
+  bool has_type = false;
+  for (const std::string& h : r.headers) {
+    has_type = has_type || named(h, "Content-Type");
+    listed = listed && append(h.c_str());
+  }
+  // curl's own additions that WinHTTP does not make.
+  return listed && append("Accept:") && append("Expect:") && (has_type || append("Content-Type:"));
+}
+
 // Starts one hop of the transfer on hop.base + hop.target with hop.verb.
 uint32_t StartHop(Request& r) {
   Hop& hop = r.hop;
@@ -256,6 +286,7 @@ uint32_t StartHop(Request& r) {
   hop.wire = Wire();
   uint32_t error = 0;
   if (WireStart(r, &error)) return error;
+  if (!r.header_list && !ListHeaders(r)) return kHttpErrorNotEnoughMemory;
 
   // A sender's lane sets its last easy handle up afresh: its buffers are ready.
   CURL* e = std::exchange(r.core->spare, nullptr);
@@ -459,36 +490,6 @@ uint32_t RequestHeadBytes(const Request& r) {
 
 bool StartTransfer(Request& r) {
   r.started = true;
-  auto append = [&r](const char* line) {
-    curl_slist* next = curl_slist_append(r.header_list, line);
-    if (next) r.header_list = next;
-    return next != nullptr;
-  };
-  auto named = [](const std::string& h, std::string_view name) {
-    const size_t colon = h.find(':');
-    return colon != std::string::npos &&
-           EqualsNoCase(TrimBlanks(std::string_view(h).substr(0, colon)), name);
-  };
-  // The session's agent leads the list, so it goes out right after Host, where curl
-  // would put it; given this way, curl need not format its own line for every
-  // transfer. A request that names its own agent keeps that one.
-  bool listed = true;
-  const std::string& agent = r.core->settings->agent;
-  if (!agent.empty() &&
-      std::none_of(r.headers.begin(), r.headers.end(), [&](const std::string& h) { return named(h, "User-Agent"); })) {
-    listed = append(("User-Agent: " + agent).c_str());
-  }
-  bool has_type = false;
-  for (const std::string& h : r.headers) {
-    has_type = has_type || named(h, "Content-Type");
-    listed = listed && append(h.c_str());
-  }
-  // curl's own additions that WinHTTP does not make.
-  listed = listed && append("Accept:") && append("Expect:") && (has_type || append("Content-Type:"));
-  if (!listed) {
-    FailTransfer(r, kHttpErrorNotEnoughMemory);
-    return false;
-  }
   Hop& hop = r.hop;
   hop.secure = r.secure;
   hop.host = r.host;
