@@ -1267,7 +1267,24 @@ INSTANTIATE_TEST_SUITE_P(
         FramingCase{"GarbageStatusLine", u"GET", "garbage here\r\n\r\n", FramingCase::kClose,
                     kHttpApiReceiveResponse, 0, ""},
         FramingCase{"ResetMidBody", u"GET", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc",
-                    FramingCase::kResetAfterRead, kHttpApiQueryDataAvailable, 200, "abc"}),
+                    FramingCase::kResetAfterRead, kHttpApiQueryDataAvailable, 200, "abc"},
+        // Heads and bodies that break the rules in ways a server seldom does.
+        FramingCase{"CodeOfTwoDigits", u"GET", "HTTP/1.1 20 OK\r\nContent-Length: 2\r\n\r\nok",
+                    FramingCase::kClose, kHttpApiReceiveResponse, 0, ""},
+        FramingCase{"FieldWithoutColon", u"GET",
+                    "HTTP/1.1 200 OK\r\nNoColon\r\nContent-Length: 2\r\n\r\nok", FramingCase::kClose,
+                    kHttpApiReceiveResponse, 0, "", "wine's WinHTTP takes a field without a colon"},
+        FramingCase{"LengthNotANumber", u"GET", "HTTP/1.1 200 OK\r\nContent-Length: #2\r\n\r\nok",
+                    FramingCase::kClose, kHttpApiReceiveResponse, 0, "",
+                    "wine's WinHTTP reads on past a length that is not a number"},
+        FramingCase{"UnknownTransferCoding", u"GET",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: foo\r\n\r\nabc", FramingCase::kClose,
+                    kHttpApiQueryDataAvailable, 200, "",
+                    "wine's WinHTTP passes on a body in a transfer coding it does not know"},
+        FramingCase{"ChunkWithoutItsLineEnd", u"GET",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc?\n0\r\n\r\n",
+                    FramingCase::kClose, kHttpApiQueryDataAvailable, 200, "abc",
+                    "wine's WinHTTP reads on past a chunk without its line end"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // A head past any reasonable size, as one endless line or as very many, ends the

@@ -243,7 +243,9 @@ bool AddHeaders(Request& r, std::u16string_view text, uint32_t modifiers) {
   parsed.reserve(8);
   if (!ParseHeaderLines(Narrow(text), &parsed)) return Fail(kErrorInvalidHeader);
   r.headers.reserve(r.headers.size() + parsed.size());
-  for (const auto& [name, value] : parsed) {
+  for (const auto& field : parsed) {
+    const std::string& name = field.first;
+    const std::string& value = field.second;
     auto same = [&](const std::string& h) {
       const size_t colon = h.find(':');
       return EqualsNoCase(std::string_view(h).substr(0, colon), name);

@@ -157,7 +157,9 @@ enum class Phase {
 struct Wire {
   enum class Stage : uint8_t { kConnect, kSend, kHead, kBody };
   enum class Framing : uint8_t { kNone, kLength, kChunked, kClose };
-  enum class Chunk : uint8_t { kSize, kData, kDataEnd, kTrailer };
+  enum class Chunk : uint8_t {
+    kSize, kSizeEnd, kData, kDataEnd, kTrailer, kTrailerLf, kTrailerEnd, kLast
+  };
   bool on = false;
   Stage stage = Stage::kConnect;
   Framing framing = Framing::kNone;
@@ -169,6 +171,10 @@ struct Wire {
   bool ready = false;       // the last wait found the socket ready for `want`
   bool any_reply = false;   // a byte of the response has arrived
   bool seen_status = false;  // the first line of a head has been checked
+  bool foreign_coding = false;  // the body has a transfer coding this client does not read
+  bool in_trailer = false;       // within a trailer line of a chunked body
+  bool trailer_field = false;    // ... and it has had its ':'
+  uint8_t digits = 0;            // hex digits of the chunk size read so far
   short want = 0;           // POLLIN or POLLOUT while the hop waits for its socket
   std::string out;          // the head; the body follows it from the request
   size_t sent = 0;          // bytes of the head and body sent

@@ -58,14 +58,14 @@ bool ParseHeaderLines(std::string_view text, HeaderFields* out) {
 
 bool ResponseHead::Add(std::string_view line) {
   while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.remove_suffix(1);
-  if (line.substr(0, 5) == "HTTP/") {
+  if (EqualsNoCase(line.substr(0, 5), "HTTP/")) {
     text.reserve(256);  // room for a usual head at once
     text.assign(line);
     text += "\r\n";
-    const size_t sp = line.find(' ');
-    status = sp == std::string_view::npos
-                 ? 0
-                 : std::atol(std::string(line.substr(sp + 1, 3)).c_str());
+    // The code: three digits after the version's blank, and any further blanks.
+    size_t at = line.find(' ');
+    while (at < line.size() && (line[at] == ' ' || line[at] == '\t')) ++at;
+    status = at >= line.size() ? 0 : std::atol(std::string(line.substr(at, 3)).c_str());
     return false;
   }
   if (line.empty()) return true;

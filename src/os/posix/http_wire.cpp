@@ -24,6 +24,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -38,8 +39,6 @@ namespace tpcsdk::os::curlhttp {
 namespace {
 
 constexpr size_t kReadChunk = 16 * 1024;
-// A chunk-size line longer than this is not one.
-constexpr size_t kMaxChunkLine = 1024;
 // libcurl's bounds on a response's head, and on one line of it, with its errors.
 constexpr size_t kMaxHead = 300 * 1024;
 constexpr size_t kMaxHeadLine = 100 * 1024;
@@ -292,42 +291,82 @@ bool HasToken(const std::string& value, std::string_view token) {
   return false;
 }
 
+// A Content-Length value as libcurl reads it: blanks, an optional '+', then digits, and
+// whatever follows them left alone. No digit (a sign '-' included) is an error; a value
+// past the largest length leaves the length unknown.
+enum class Length { kBad, kNumber, kTooLarge };
+Length ReadLength(std::string_view v, uint64_t* n) {
+  v = TrimBlanks(v);
+  size_t i = v.empty() || v[0] != '+' ? 0 : 1;
+  size_t digits = 0;
+  bool over = false;
+  *n = 0;
+  for (; i < v.size() && v[i] >= '0' && v[i] <= '9'; ++i, ++digits) {
+    const auto d = static_cast<uint64_t>(v[i] - '0');
+    over = over || *n > (static_cast<uint64_t>(INT64_MAX) - d) / 10;
+    if (!over) *n = *n * 10 + d;
+  }
+  return digits == 0 ? Length::kBad : over ? Length::kTooLarge : Length::kNumber;
+}
+
 // The head has ended: how the body is framed, and whether the connection stays open.
-void StartBody(Request& r) {
+// False when the head cannot frame a body (the hop has failed).
+bool StartBody(Request& r) {
   Hop& hop = r.hop;
   Wire& w = hop.wire;
   const ResponseHead& head = hop.head;
   const std::string connection = head.Value("Connection");
-  const bool http11 = head.text.compare(0, 8, "HTTP/1.1") == 0;
-  w.keep_alive = http11 ? !HasToken(connection, "close") : HasToken(connection, "keep-alive");
+  const std::string_view version = std::string_view(head.text).substr(0, 8);
+  const bool persistent = EqualsNoCase(version, "HTTP/1.1") || EqualsNoCase(version.substr(0, 6), "HTTP/2");
+  w.keep_alive = persistent ? !HasToken(connection, "close") : HasToken(connection, "keep-alive");
   w.stage = Wire::Stage::kBody;
+  // Every length given counts, the last one given wins.
+  bool has_length = false;
+  uint64_t length = 0;
+  std::string value;
+  for (uint32_t i = 0; head.Find("Content-Length", i, &value); ++i) {
+    switch (ReadLength(value, &length)) {
+      case Length::kBad:
+        Finish(r, CURLE_WEIRD_SERVER_REPLY);
+        return false;
+      case Length::kTooLarge:
+        has_length = false;
+        break;
+      case Length::kNumber:
+        has_length = true;
+        break;
+    }
+  }
+  // A transfer coding other than chunked (or identity) is not one this client reads: the
+  // body fails at its first byte.
+  bool chunked = false;
+  for (uint32_t i = 0; head.Find("Transfer-Encoding", i, &value); ++i) {
+    for (size_t at = 0; at <= value.size();) {
+      const size_t end = std::min(value.find(',', at), value.size());
+      const std::string_view coding = TrimBlanks(std::string_view(value).substr(at, end - at));
+      at = end + 1;
+      if (EqualsNoCase(coding, "chunked")) {
+        chunked = true;
+      } else if (!coding.empty() && !EqualsNoCase(coding, "identity")) {
+        w.foreign_coding = true;
+      }
+    }
+  }
   const long status = head.status;
   if (hop.verb == "HEAD" || status == 204 || status == 304) {
     w.framing = Wire::Framing::kNone;
-    return;
-  }
-  if (HasToken(head.Value("Transfer-Encoding"), "chunked")) {
+  } else if (chunked) {
     w.framing = Wire::Framing::kChunked;
     w.chunk = Wire::Chunk::kSize;
-    return;
+    w.left = 0;
+  } else if (has_length) {
+    w.framing = length == 0 ? Wire::Framing::kNone : Wire::Framing::kLength;
+    w.left = length;
+  } else {
+    w.framing = Wire::Framing::kClose;
+    w.keep_alive = false;
   }
-  std::string length;
-  if (head.Find("Content-Length", 0, &length)) {
-    const std::string_view digits = TrimBlanks(length);
-    uint64_t n = 0;
-    bool ok = !digits.empty() && digits.size() <= 18;
-    for (const char c : digits) {
-      ok = ok && c >= '0' && c <= '9';
-      n = n * 10 + static_cast<uint64_t>(c - '0');
-    }
-    if (ok) {
-      w.framing = n == 0 ? Wire::Framing::kNone : Wire::Framing::kLength;
-      w.left = n;
-      return;
-    }
-  }
-  w.framing = Wire::Framing::kClose;
-  w.keep_alive = false;
+  return true;
 }
 
 // The response has ended where its framing says.
@@ -345,7 +384,20 @@ std::string_view NextLine(const Wire& w) {
   return std::string_view(p, static_cast<const char*>(nl) - p + 1);
 }
 
-bool EmptyLine(std::string_view line) { return line == "\n" || line == "\r\n"; }
+// A status line as libcurl takes one: a version it speaks ("HTTP/1.0", "HTTP/1.1",
+// in any case,
+// "HTTP/2.0" or "HTTP/2"), a blank, then a code of three digits from 100 up, blanks
+// before it allowed.
+bool StatusLine(std::string_view line) {
+  size_t i = 0;
+  for (const std::string_view version : {"HTTP/1.0 ", "HTTP/1.1 ", "HTTP/2.0 ", "HTTP/2 "}) {
+    if (EqualsNoCase(line.substr(0, version.size()), version)) i = version.size();
+  }
+  if (i == 0) return false;
+  while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
+  auto digit = [&](size_t at) { return at < line.size() && line[at] >= '0' && line[at] <= '9'; };
+  return digit(i) && digit(i + 1) && digit(i + 2) && !digit(i + 3) && line[i] != '0';
+}
 
 // Body bytes from what waits, up to `max`; false when the reader's buffer is full.
 bool PassBody(Request& r, uint64_t max, size_t* taken) {
@@ -353,60 +405,112 @@ bool PassBody(Request& r, uint64_t max, size_t* taken) {
   const size_t n = static_cast<size_t>(std::min<uint64_t>(max, w.in.size() - w.in_at));
   *taken = n;
   if (n == 0) return true;
+  if (w.foreign_coding) {
+    Finish(r, CURLE_BAD_CONTENT_ENCODING);
+    return false;
+  }
   if (!TakeBody(r, w.in.data() + w.in_at, n)) return false;
   w.in_at += n;
   return true;
 }
 
-// A chunked body: size lines, data, and the trailer after the last chunk.
-enum class Took { kMore, kWait, kEnded };
+int HexValue(char c) {
+  return c >= '0' && c <= '9'   ? c - '0'
+         : c >= 'a' && c <= 'f' ? c - 'a' + 10
+         : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                : -1;
+}
+
+// A chunked body, read a byte at a time as libcurl reads it: a size of at most 16 hex
+// digits, anything after them up to LF, the data, CRs then LF, and after the last chunk
+// trailer lines (each ending in LF or CR LF; they are not kept) up to an empty one.
+enum class Took { kWait, kEnded };
 Took StepChunk(Request& r) {
+  using Chunk = Wire::Chunk;
   Wire& w = r.hop.wire;
-  if (w.chunk == Wire::Chunk::kData) {
-    size_t n = 0;
-    if (!PassBody(r, w.left, &n) || n == 0) return Took::kWait;
-    w.left -= n;
-    if (w.left == 0) w.chunk = Wire::Chunk::kDataEnd;
-    return Took::kMore;
-  }
-  const std::string_view line = NextLine(w);
-  if (line.empty()) {
-    if (w.in.size() - w.in_at > kMaxChunkLine) {
-      Finish(r, CURLE_RECV_ERROR);
-      return Took::kEnded;
+  auto bad = [&r] {
+    Finish(r, CURLE_RECV_ERROR);
+    return Took::kEnded;
+  };
+  while (w.in_at < w.in.size()) {
+    if (w.chunk == Chunk::kData) {
+      size_t n = 0;
+      if (!PassBody(r, w.left, &n)) return w.on ? Took::kWait : Took::kEnded;
+      w.left -= n;
+      if (w.left == 0) w.chunk = Chunk::kDataEnd;
+      continue;
     }
-    return Took::kWait;
-  }
-  w.in_at += line.size();
-  switch (w.chunk) {
-    case Wire::Chunk::kSize: {
-      uint64_t size = 0;
-      size_t digits = 0;
-      for (const char c : line) {
-        const int v = c >= '0' && c <= '9' ? c - '0'
-                      : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                      : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                             : -1;
-        if (v < 0) break;
-        size = size * 16 + static_cast<uint64_t>(v);
-        ++digits;
+    const char c = w.in[w.in_at];
+    bool advance = true;
+    switch (w.chunk) {
+      case Chunk::kSize: {
+        const int v = HexValue(c);
+        if (v >= 0) {
+          if (++w.digits > 16 || w.left > (static_cast<uint64_t>(INT64_MAX) - v) / 16) return bad();
+          w.left = w.left * 16 + static_cast<uint64_t>(v);
+        } else if (w.digits == 0) {
+          return bad();
+        } else {
+          w.chunk = Chunk::kSizeEnd;
+          advance = false;
+        }
+        break;
       }
-      if (digits == 0 || digits > 15) {
-        Finish(r, CURLE_RECV_ERROR);
+      case Chunk::kSizeEnd:
+        if (c == '\n') {
+          w.digits = 0;
+          w.chunk = w.left == 0 ? Chunk::kTrailer : Chunk::kData;
+        }
+        break;
+      case Chunk::kDataEnd:
+        if (c == '\n') {
+          w.chunk = Chunk::kSize;
+        } else if (c != '\r') {
+          return bad();
+        }
+        break;
+      case Chunk::kTrailer:
+        if (c != '\r' && c != '\n' && c != '\0') {
+          w.in_trailer = true;
+          w.trailer_field = w.trailer_field || c == ':';
+        } else if (w.in_trailer || c == '\0') {
+          // A trailer line is a field like any line of a head, without a NUL.
+          if (!w.trailer_field || c == '\0') {
+            Finish(r, CURLE_WEIRD_SERVER_REPLY);
+            return Took::kEnded;
+          }
+          w.in_trailer = w.trailer_field = false;
+          w.chunk = Chunk::kTrailerLf;
+          advance = c == '\r';
+        } else {
+          w.chunk = Chunk::kTrailerEnd;
+          advance = false;
+        }
+        break;
+      case Chunk::kTrailerLf:
+        if (c != '\n') return bad();
+        w.chunk = Chunk::kTrailerEnd;
+        break;
+      case Chunk::kTrailerEnd:
+        if (c != '\r' && c != '\n') {
+          w.chunk = Chunk::kTrailer;  // another trailer line
+          advance = false;
+        } else {
+          w.chunk = Chunk::kLast;
+          advance = c == '\r';
+        }
+        break;
+      case Chunk::kLast:
+        if (c != '\n') return bad();
+        ++w.in_at;
+        Complete(r);
         return Took::kEnded;
-      }
-      w.left = size;
-      w.chunk = size == 0 ? Wire::Chunk::kTrailer : Wire::Chunk::kData;
-      return Took::kMore;
+      case Chunk::kData:
+        break;
     }
-    case Wire::Chunk::kDataEnd:
-      w.chunk = Wire::Chunk::kSize;
-      return Took::kMore;
-    default:  // the trailer's lines are not kept; an empty one ends the body
-      if (!EmptyLine(line)) return Took::kMore;
-      Complete(r);
-      return Took::kEnded;
+    if (advance) ++w.in_at;
   }
+  return Took::kWait;
 }
 
 // Takes what waits in the hop's input as far as it goes. True when the hop may read
@@ -421,15 +525,41 @@ bool Consume(Request& r) {
         // Anything but an HTTP status line is refused, as libcurl refuses it.
         const bool whole_line = std::memchr(p, '\n', avail) != nullptr;
         if (avail < 5 && !whole_line) return true;
-        if (avail < 5 || std::memcmp(p, "HTTP/", 5) != 0) {
+        if (avail < 5 || !EqualsNoCase(std::string_view(p, 5), "HTTP/")) {
           Finish(r, CURLE_UNSUPPORTED_PROTOCOL);
           return false;
         }
         w.seen_status = true;
       }
-      const std::string_view line = NextLine(w);
-      if (line.empty() && avail <= kMaxHeadLine) return true;
-      if (line.empty() || line.size() > kMaxHeadLine) {
+      std::string_view line = NextLine(w);
+      if (line.empty()) {
+        if (avail <= kMaxHeadLine) return true;
+        Finish(r, CURLE_OUT_OF_MEMORY);
+        return false;
+      }
+      // The first line must be a status line. After it, a line that starts with a line
+      // end ends the head (what follows its CR LF, or its lone CR or LF, is the body), and
+      // every other line must be a field. No line may hold a NUL.
+      const bool first = r.hop.head.text.empty();
+      const bool ends = !first && (line[0] == '\r' || line[0] == '\n');
+      if (first && !StatusLine(line)) {
+        Finish(r, CURLE_UNSUPPORTED_PROTOCOL);
+        return false;
+      }
+      if ((!first && !ends && line.find(':') == std::string_view::npos) ||
+          line.find('\0') != std::string_view::npos) {
+        Finish(r, CURLE_WEIRD_SERVER_REPLY);
+        return false;
+      }
+      // A length that does not read as one fails the head at its line.
+      uint64_t length = 0;
+      if (!first && !ends && EqualsNoCase(NameOf(line), "Content-Length") &&
+          ReadLength(ValueOf(line), &length) == Length::kBad) {
+        Finish(r, CURLE_WEIRD_SERVER_REPLY);
+        return false;
+      }
+      if (ends) line = line.substr(0, line[0] == '\r' && line.size() > 1 && line[1] == '\n' ? 2 : 1);
+      if (line.size() > kMaxHeadLine) {
         Finish(r, CURLE_OUT_OF_MEMORY);
         return false;
       }
@@ -439,12 +569,12 @@ bool Consume(Request& r) {
       }
       w.in_at += line.size();
       TakeHeaderLine(r, line);
-      if (!EmptyLine(line)) continue;
+      if (!ends) continue;
       if (r.hop.head.status >= 100 && r.hop.head.status < 200) {
         w.seen_status = false;  // an interim head; the real one follows
         continue;
       }
-      StartBody(r);
+      if (!StartBody(r)) return false;
       continue;
     }
     size_t n = 0;
@@ -463,11 +593,7 @@ bool Consume(Request& r) {
       case Wire::Framing::kClose:
         return PassBody(r, UINT64_MAX, &n);
       case Wire::Framing::kChunked:
-        switch (StepChunk(r)) {
-          case Took::kMore: continue;
-          case Took::kWait: return !r.paused;
-          case Took::kEnded: return false;
-        }
+        return StepChunk(r) == Took::kWait && !r.paused;
     }
   }
 }
