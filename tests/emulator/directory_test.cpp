@@ -10,6 +10,8 @@
 
 namespace {
 
+using emulator_test::Parse;
+
 class DirectoryTest : public emulator_test::EmulatorFixture {
  protected:
   // Fetches the directory; the status and the document text.
@@ -17,12 +19,6 @@ class DirectoryTest : public emulator_test::EmulatorFixture {
     return testkit::HttpExchange(emu_->base_url(), "GET", target);
   }
 };
-
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  EXPECT_TRUE(Json::Reader().parse(text, v)) << text;
-  return v;
-}
 
 int Count(const std::string& s, const std::string& what) {
   int n = 0;
