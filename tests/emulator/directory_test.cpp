@@ -10,6 +10,8 @@
 
 namespace {
 
+using emulator_test::Parse;
+
 class DirectoryTest : public emulator_test::EmulatorFixture {
  protected:
   // Fetches the directory; the status and the document text.
@@ -17,12 +19,6 @@ class DirectoryTest : public emulator_test::EmulatorFixture {
     return testkit::HttpExchange(emu_->base_url(), "GET", target);
   }
 };
-
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  EXPECT_TRUE(Json::Reader().parse(text, v)) << text;
-  return v;
-}
 
 int Count(const std::string& s, const std::string& what) {
   int n = 0;
@@ -74,10 +70,11 @@ TEST_F(DirectoryTest, EveryKeyPointsHereWithThePlaceholdersItsOperationFills) {
   EXPECT_EQ(log[1].path, log[0].path);
 }
 
+// Changes whose effect only the document shows; the others are driven through the
+// client by the wire and operation tests, which fail when a change does not arrive.
 struct ChangeCase {
   const char* name;
   const char* change;  // JSON sent to /_emulator/directory
-  int status;
   std::function<void(const std::string& text)> check;
 };
 
@@ -86,7 +83,7 @@ class DirectoryChange : public DirectoryTest, public ::testing::WithParamInterfa
 TEST_P(DirectoryChange, ServesTheChangedDocumentUntilCleared) {
   ASSERT_TRUE(emu_->SetDirectory(Parse(GetParam().change))) << emu_->last_error();
   testkit::HttpResult r = Fetch();
-  EXPECT_EQ(r.status, GetParam().status);
+  EXPECT_EQ(r.status, 200);
   GetParam().check(r.body);
   ASSERT_TRUE(emu_->ClearDirectory());
   EXPECT_EQ(Parse(Fetch().body)["size"].asInt(), Parse(Fetch().body)["url"].size());
@@ -95,42 +92,18 @@ TEST_P(DirectoryChange, ServesTheChangedDocumentUntilCleared) {
 INSTANTIATE_TEST_SUITE_P(
     Changes, DirectoryChange,
     ::testing::Values(
-        ChangeCase{"MissingKey", R"({"remove":["tdc_users"]})", 200,
-                   [](const std::string& t) {
-                     Json::Value d = Parse(t);
-                     EXPECT_FALSE(d["url"].isMember("tdc_users"));
-                     EXPECT_EQ(d["size"].asUInt(), d["url"].size());
-                   }},
-        ChangeCase{"DuplicateMemberCountedOnce", R"({"duplicate":["tdc_users"]})", 200,
+        ChangeCase{"DuplicateMemberCountedOnce", R"({"duplicate":["tdc_users"]})",
                    [](const std::string& t) {
                      EXPECT_EQ(Count(t, "\"tdc_users\":"), 2);
                      Json::Value d = Parse(t);
                      EXPECT_EQ(d["size"].asUInt(), d["url"].size());
                    }},
-        ChangeCase{"WrongSize", R"({"size":99})", 200,
-                   [](const std::string& t) { EXPECT_EQ(Parse(t)["size"].asInt(), 99); }},
-        ChangeCase{"EmptyTwsConfig", R"({"twsConfig":{}})", 200,
-                   [](const std::string& t) {
-                     Json::Value d = Parse(t);
-                     EXPECT_TRUE(d["twsConfig"].isObject() && d["twsConfig"].empty());
-                   }},
-        ChangeCase{"NoTwsConfig", R"({"omit":["twsConfig"]})", 200,
-                   [](const std::string& t) { EXPECT_FALSE(Parse(t).isMember("twsConfig")); }},
-        ChangeCase{"UrlNotAnObject", R"({"url":["x"]})", 200,
+        ChangeCase{"UrlNotAnObject", R"({"url":["x"]})",
                    [](const std::string& t) {
                      Json::Value d = Parse(t);
                      EXPECT_TRUE(d["url"].isArray());
                      EXPECT_EQ(d["size"].asInt(), 0);
-                   }},
-        ChangeCase{"KeyAddedAgainstTheBase", R"({"set":{"tdc_extra":"{base}/extra"}})", 200,
-                   [](const std::string& t) {
-                     Json::Value d = Parse(t);
-                     const std::string v = d["url"]["tdc_extra"].asString();
-                     EXPECT_EQ(v.compare(0, 7, "http://"), 0);
-                     EXPECT_EQ(v.substr(v.size() - 6), "/extra");
-                   }},
-        ChangeCase{"WholeDocumentAndStatus", R"({"status":403,"body":"not json"})", 403,
-                   [](const std::string& t) { EXPECT_EQ(t, "not json"); }}),
+                   }}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(DirectoryTest, ControlApiRejectsBadInputWithAClearError) {

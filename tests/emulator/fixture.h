@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <algorithm>
 #include <string>
 
 #include "kit/emulator_client.h"
@@ -13,6 +14,22 @@ namespace emulator_test {
 inline Json::Value Parse(const std::string& text) {
   Json::Value v;
   Json::Reader().parse(text, v);
+  return v;
+}
+
+// The member at a dotted path ("data.0.cState"); null when absent.
+inline Json::Value At(Json::Value v, const std::string& path) {
+  for (size_t pos = 0; pos < path.size();) {
+    const size_t dot = std::min(path.find('.', pos), path.size());
+    const std::string part = path.substr(pos, dot - pos);
+    if (v.isArray() && !part.empty() && part.find_first_not_of("0123456789") == std::string::npos)
+      v = v.get(static_cast<Json::ArrayIndex>(std::stoul(part)), Json::Value());
+    else if (v.isObject())
+      v = v.get(part, Json::Value());
+    else
+      return Json::Value();
+    pos = dot + 1;
+  }
   return v;
 }
 

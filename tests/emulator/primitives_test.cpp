@@ -277,21 +277,6 @@ INSTANTIATE_TEST_SUITE_P(Faults, ConnectionEnd,
                                            EndCase{"close_mid_body", false, "HEAD0123"}),
                          [](const auto& info) { return std::string(info.param.kind); });
 
-TEST_F(EmulatorTest, HoldsAHundredStalledConnections) {
-  Json::Value extra(Json::objectValue);
-  extra["times"] = -1;
-  ASSERT_NE(emu_->FaultOnce("GET", "/stall", "stall_before_headers", extra), 0u);
-  std::vector<std::unique_ptr<RawClient>> clients;
-  for (int i = 0; i < 100; ++i) {
-    clients.push_back(std::make_unique<RawClient>(emu_->base_url()));
-    ASSERT_TRUE(clients.back()->ok());
-    ASSERT_TRUE(clients.back()->SendRequest("GET", "/stall"));
-  }
-  ASSERT_TRUE(emu_->WaitForStalls(100, 30000));
-  EXPECT_EQ(emu_->Release(), 100);
-  for (auto& c : clients) EXPECT_TRUE(c->ReadUntil(kEnvelope));
-}
-
 TEST(EmulatorLifecycle, StopEndsHeldConnections) {
   tpcsdk::emulator::Emulator emulator;
   std::string error;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 
 namespace emulator_test {
 
@@ -67,46 +68,27 @@ bool RawClient::ReadSome(int bound_ms) {
   return false;
 }
 
-bool RawClient::ReadAtLeast(size_t n, int bound_ms) {
+bool RawClient::ReadWhile(const std::function<bool()>& more, int bound_ms) {
   auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(bound_ms);
-  while (data_.size() < n) {
+  while (more()) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         end - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count()))) break;
+    if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count()))) return !more();
   }
-  return data_.size() >= n;
+  return true;
 }
 
 bool RawClient::ReadUntil(const std::string& pattern, int bound_ms) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(bound_ms);
-  while (data_.find(pattern) == std::string::npos) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        end - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count()))) break;
-  }
-  return data_.find(pattern) != std::string::npos;
+  return ReadWhile([&] { return data_.find(pattern) == std::string::npos; }, bound_ms);
 }
 
 bool RawClient::ReadToEnd(int bound_ms) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(bound_ms);
-  while (!closed_ && !reset_) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        end - std::chrono::steady_clock::now());
-    if (left.count() <= 0) break;
-    ReadSome(static_cast<int>(left.count()));
-  }
-  return closed_ || reset_;
+  return ReadWhile([&] { return !closed_ && !reset_; }, bound_ms);
 }
 
 bool RawClient::ReadReply(size_t from, std::string* head, std::string* body, int* status,
                           int bound_ms) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(bound_ms);
-  while (!SplitReply(data_.substr(from), head, body, status)) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        end - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count()))) return false;
-  }
-  return true;
+  return ReadWhile([&] { return !SplitReply(data_.substr(from), head, body, status); }, bound_ms);
 }
 
 bool RawClient::NothingPending() {

@@ -1,5 +1,6 @@
 // A bare TCP client for looking at the emulator's replies byte by byte.
 #pragma once
+#include <functional>
 #include <string>
 
 namespace emulator_test {
@@ -18,9 +19,7 @@ class RawClient {
   bool SendRequest(const std::string& method, const std::string& target,
                    const std::string& body = "");
 
-  // Reads until `n` bytes are buffered, the peer closes, or `bound_ms` passes.
-  bool ReadAtLeast(size_t n, int bound_ms = 10000);
-  // Reads until `pattern` is in the buffer (or as above).
+  // Reads until `pattern` is in the buffer, or the peer closes, or `bound_ms` passes.
   bool ReadUntil(const std::string& pattern, int bound_ms = 10000);
   // Reads until the peer closes or resets; true when it did within the bound.
   bool ReadToEnd(int bound_ms = 10000);
@@ -38,6 +37,8 @@ class RawClient {
 
  private:
   bool ReadSome(int bound_ms);
+  // Reads while `more` holds, within the bound; true when it stopped holding.
+  bool ReadWhile(const std::function<bool()>& more, int bound_ms);
   int fd_ = -1;
   std::string host_;
   std::string data_;
