@@ -18,7 +18,7 @@ PKGS=(
   build-essential cmake pkg-config make git ca-certificates curl openssl
   g++-mingw-w64-x86-64-posix wine64
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev libcpp-httplib-dev libkrb5-dev
-  googletest libgtest-dev libgmock-dev libbenchmark-dev libpugixml-dev libtinyxml2-dev python3
+  googletest libgtest-dev libgmock-dev libbenchmark-dev libpugixml-dev libtinyxml2-dev libexpat1-dev python3
   clang libclang-rt-14-dev dpkg-dev xz-utils libcli11-dev
 )
 
