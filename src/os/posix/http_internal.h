@@ -170,7 +170,6 @@ struct Wire {
   bool complete = false;    // the response has ended where its framing says
   bool ready = false;       // the last wait found the socket ready for `want`
   bool any_reply = false;   // a byte of the response has arrived
-  bool seen_status = false;  // the first line of a head has been checked
   bool foreign_coding = false;  // the body has a transfer coding this client does not read
   bool in_trailer = false;       // within a trailer line of a chunked body
   bool trailer_field = false;    // ... and it has had its ':'

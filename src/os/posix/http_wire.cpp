@@ -220,7 +220,6 @@ void Broken(Request& r, CURLcode code) {
   w.sent = 0;
   w.in.clear();
   w.in_at = 0;
-  w.seen_status = false;
   r.hop.upload_done = false;
   OpenConnection(r, to);
 }
@@ -281,14 +280,20 @@ void StepSend(Request& r) {
   w.ready = false;  // the answer takes a round trip
 }
 
-bool HasToken(const std::string& value, std::string_view token) {
-  size_t i = 0;
-  while (i <= value.size()) {
-    const size_t end = std::min(value.find(',', i), value.size());
-    if (EqualsNoCase(TrimBlanks(std::string_view(value).substr(i, end - i)), token)) return true;
-    i = end + 1;
+// Calls f on each token of a comma-separated header value, blanks trimmed.
+template <class F>
+void ForEachToken(std::string_view value, F&& f) {
+  for (size_t at = 0; at <= value.size();) {
+    const size_t end = std::min(value.find(',', at), value.size());
+    f(TrimBlanks(value.substr(at, end - at)));
+    at = end + 1;
   }
-  return false;
+}
+
+bool HasToken(std::string_view value, std::string_view token) {
+  bool found = false;
+  ForEachToken(value, [&](std::string_view t) { found = found || EqualsNoCase(t, token); });
+  return found;
 }
 
 // A Content-Length value as libcurl reads it: blanks, an optional '+', then digits, and
@@ -310,8 +315,8 @@ Length ReadLength(std::string_view v, uint64_t* n) {
 }
 
 // The head has ended: how the body is framed, and whether the connection stays open.
-// False when the head cannot frame a body (the hop has failed).
-bool StartBody(Request& r) {
+// Its lengths have been read already (one that does not read fails at its line).
+void StartBody(Request& r) {
   Hop& hop = r.hop;
   Wire& w = hop.wire;
   const ResponseHead& head = hop.head;
@@ -320,37 +325,24 @@ bool StartBody(Request& r) {
   const bool persistent = EqualsNoCase(version, "HTTP/1.1") || EqualsNoCase(version.substr(0, 6), "HTTP/2");
   w.keep_alive = persistent ? !HasToken(connection, "close") : HasToken(connection, "keep-alive");
   w.stage = Wire::Stage::kBody;
-  // Every length given counts, the last one given wins.
+  // The last length given wins; one too large to hold leaves the length unknown.
   bool has_length = false;
   uint64_t length = 0;
   std::string value;
   for (uint32_t i = 0; head.Find("Content-Length", i, &value); ++i) {
-    switch (ReadLength(value, &length)) {
-      case Length::kBad:
-        Finish(r, CURLE_WEIRD_SERVER_REPLY);
-        return false;
-      case Length::kTooLarge:
-        has_length = false;
-        break;
-      case Length::kNumber:
-        has_length = true;
-        break;
-    }
+    has_length = ReadLength(value, &length) == Length::kNumber;
   }
   // A transfer coding other than chunked (or identity) is not one this client reads: the
   // body fails at its first byte.
   bool chunked = false;
   for (uint32_t i = 0; head.Find("Transfer-Encoding", i, &value); ++i) {
-    for (size_t at = 0; at <= value.size();) {
-      const size_t end = std::min(value.find(',', at), value.size());
-      const std::string_view coding = TrimBlanks(std::string_view(value).substr(at, end - at));
-      at = end + 1;
+    ForEachToken(value, [&](std::string_view coding) {
       if (EqualsNoCase(coding, "chunked")) {
         chunked = true;
       } else if (!coding.empty() && !EqualsNoCase(coding, "identity")) {
         w.foreign_coding = true;
       }
-    }
+    });
   }
   const long status = head.status;
   if (hop.verb == "HEAD" || status == 204 || status == 304) {
@@ -366,7 +358,6 @@ bool StartBody(Request& r) {
     w.framing = Wire::Framing::kClose;
     w.keep_alive = false;
   }
-  return true;
 }
 
 // The response has ended where its framing says.
@@ -519,62 +510,40 @@ bool Consume(Request& r) {
   Wire& w = r.hop.wire;
   for (;;) {
     if (w.stage == Wire::Stage::kHead) {
+      auto fail = [&r](CURLcode code) {
+        Finish(r, code);
+        return false;
+      };
       const size_t avail = w.in.size() - w.in_at;
       const char* p = w.in.data() + w.in_at;
-      if (!w.seen_status) {
-        // Anything but an HTTP status line is refused, as libcurl refuses it.
-        const bool whole_line = std::memchr(p, '\n', avail) != nullptr;
-        if (avail < 5 && !whole_line) return true;
-        if (avail < 5 || !EqualsNoCase(std::string_view(p, 5), "HTTP/")) {
-          Finish(r, CURLE_UNSUPPORTED_PROTOCOL);
-          return false;
-        }
-        w.seen_status = true;
+      // The first line must be a status line (anything else is refused as soon as its
+      // first bytes show it). After it, a line that starts with a line end ends the head
+      // (what follows its CR LF, or its lone CR or LF, is the body), and every other line
+      // must be a field, its length one that reads. No line may hold a NUL.
+      const bool first = r.hop.head.text.empty();
+      if (first && (avail >= 5 || std::memchr(p, '\n', avail) != nullptr) &&
+          (avail < 5 || !EqualsNoCase(std::string_view(p, 5), "HTTP/"))) {
+        return fail(CURLE_UNSUPPORTED_PROTOCOL);
       }
       std::string_view line = NextLine(w);
-      if (line.empty()) {
-        if (avail <= kMaxHeadLine) return true;
-        Finish(r, CURLE_OUT_OF_MEMORY);
-        return false;
-      }
-      // The first line must be a status line. After it, a line that starts with a line
-      // end ends the head (what follows its CR LF, or its lone CR or LF, is the body), and
-      // every other line must be a field. No line may hold a NUL.
-      const bool first = r.hop.head.text.empty();
+      if (line.empty()) return avail <= kMaxHeadLine || fail(CURLE_OUT_OF_MEMORY);
       const bool ends = !first && (line[0] == '\r' || line[0] == '\n');
-      if (first && !StatusLine(line)) {
-        Finish(r, CURLE_UNSUPPORTED_PROTOCOL);
-        return false;
-      }
-      if ((!first && !ends && line.find(':') == std::string_view::npos) ||
-          line.find('\0') != std::string_view::npos) {
-        Finish(r, CURLE_WEIRD_SERVER_REPLY);
-        return false;
-      }
-      // A length that does not read as one fails the head at its line.
+      if (first && !StatusLine(line)) return fail(CURLE_UNSUPPORTED_PROTOCOL);
+      const bool field = !first && !ends;
       uint64_t length = 0;
-      if (!first && !ends && EqualsNoCase(NameOf(line), "Content-Length") &&
-          ReadLength(ValueOf(line), &length) == Length::kBad) {
-        Finish(r, CURLE_WEIRD_SERVER_REPLY);
-        return false;
+      if ((field && line.find(':') == std::string_view::npos) ||
+          line.find('\0') != std::string_view::npos ||
+          (field && EqualsNoCase(NameOf(line), "Content-Length") &&
+           ReadLength(ValueOf(line), &length) == Length::kBad)) {
+        return fail(CURLE_WEIRD_SERVER_REPLY);
       }
       if (ends) line = line.substr(0, line[0] == '\r' && line.size() > 1 && line[1] == '\n' ? 2 : 1);
-      if (line.size() > kMaxHeadLine) {
-        Finish(r, CURLE_OUT_OF_MEMORY);
-        return false;
-      }
-      if (r.hop.header_bytes + line.size() > kMaxHead) {
-        Finish(r, CURLE_RECV_ERROR);
-        return false;
-      }
+      if (line.size() > kMaxHeadLine) return fail(CURLE_OUT_OF_MEMORY);
+      if (r.hop.header_bytes + line.size() > kMaxHead) return fail(CURLE_RECV_ERROR);
       w.in_at += line.size();
       TakeHeaderLine(r, line);
-      if (!ends) continue;
-      if (r.hop.head.status >= 100 && r.hop.head.status < 200) {
-        w.seen_status = false;  // an interim head; the real one follows
-        continue;
-      }
-      if (!StartBody(r)) return false;
+      // After an interim head the real one follows (its text has been cleared).
+      if (ends && !(r.hop.head.status >= 100 && r.hop.head.status < 200)) StartBody(r);
       continue;
     }
     size_t n = 0;
